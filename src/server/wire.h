@@ -1,0 +1,41 @@
+// The wire: exact-length reads and writes, client byte order and the command codes.
+#pragma once
+#include <cstdint>
+
+#include "server/connection.h"
+
+namespace kvt {
+
+enum CommandCode : std::uint8_t {
+  CMD_CLOSE = 0,
+  CMD_LIST_JOBS = 1,
+  CMD_GET_PRINTER_LIST = 2,
+  CMD_UPLOAD_SPOOL = 3,
+  CMD_GET_GAMUT = 4,
+  CMD_NEW_JOB_NAME = 5,
+  CMD_CANCEL_JOB = 6,
+  CMD_DELETE_FILE = 7,
+  CMD_PRINT_HANDOFF = 8,
+  CMD_QUIT = 9,
+  CMD_GET_SCANNER_LIST = 10,
+  CMD_LIST_CONFIGS = 11,
+  CMD_REGISTER_COLOR_TABLE = 23,
+};
+
+// Reads exactly `count` bytes unless the peer closes or a receive fails; returns how many
+// arrived. Blocks without a time-out.
+int RecvAll(net::Socket socket, void* buffer, int count);
+
+// Writes exactly `count` bytes: returns count, 0 when a send returned 0, -1 on failure.
+int SendAll(net::Socket socket, const void* buffer, int count);
+
+// Client order: little-endian when the marker arrived as 04 03 02 01, else big-endian.
+bool ClientIsLittleEndian(const ConnectionRecord& record);
+std::uint32_t GetClientU32(const ConnectionRecord& record, const std::uint8_t bytes[4]);
+void PutClientU32(const ConnectionRecord& record, std::uint8_t bytes[4], std::uint32_t value);
+
+// The few integers that are little-endian whatever the marker.
+std::uint32_t GetLe32(const std::uint8_t bytes[4]);
+void PutLe32(std::uint8_t bytes[4], std::uint32_t value);
+
+}  // namespace kvt
