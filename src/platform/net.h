@@ -38,6 +38,9 @@ int WaitReadable(const Socket* sockets, int count, bool* ready);
 // accept() on a listening socket; kNoSocket on failure.
 Socket Accept(Socket listener);
 
+// The local port a socket is bound to (0 if unknown): for listeners bound to port 0.
+std::uint16_t LocalPort(Socket s);
+
 // Client side. Connects to host:port (name or dotted address); on failure returns
 // kNoSocket and stores the platform's error code in *error.
 Socket Connect(const char* host, std::uint16_t port, int* error);

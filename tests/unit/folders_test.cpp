@@ -1,1 +1,95 @@
 #include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/folders.h"
+
+namespace kvt {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(Folders, SelectorsFollowThePlatform) {
+  const std::string program = GetAppFolder(0);
+  EXPECT_FALSE(program.empty());
+  EXPECT_TRUE(fs::is_directory(program));
+  EXPECT_EQ(program, GetAppFolder(7));
+  EXPECT_EQ(program, GetAppFolder(8));
+  EXPECT_EQ(GetProgramFolder(nullptr), program);
+
+  // Asked for a second time, a selector gives the same text from the same place.
+  const char* temp = GetAppFolder(2);
+  EXPECT_EQ(temp, GetAppFolder(2));
+  EXPECT_EQ(fs::path(temp).filename(), "Velmora");
+  EXPECT_TRUE(fs::is_directory(temp));
+
+  const char* x86 = std::getenv("ProgramFiles(x86)");
+  const char* plain = std::getenv("ProgramFiles");
+  const std::string expected = x86 && *x86 ? x86 : plain && *plain ? plain : "";
+  if (!expected.empty()) {
+    EXPECT_EQ(GetAppFolder(6), expected);
+  }
+
+  EXPECT_STREQ(GetAppFolder(-1), "");
+  EXPECT_STREQ(GetAppFolder(9), "");
+}
+
+// Writes a pointer file for `product` under the common data folder.
+fs::path WritePointer(const std::string& product, const std::string& content) {
+  fs::path dir = fs::path(GetAppFolder(3)) / "Velmora";
+  fs::create_directories(dir);
+  std::ofstream(dir / product, std::ios::binary) << content;
+  return dir / product;
+}
+
+TEST(Folders, ProgramFolderComesFromThePointerFile) {
+  WritePointer("KvtUnitLf", "/opt/corvina\nsecond line\n");
+  EXPECT_STREQ(GetProgramFolder("KvtUnitLf"), "/opt/corvina");
+  WritePointer("KvtUnitCrLf", "C:\\Corvina\r\n");
+  EXPECT_STREQ(GetProgramFolder("KvtUnitCrLf"), "C:\\Corvina");
+  WritePointer("KvtUnitEmpty", "");
+  EXPECT_STREQ(GetProgramFolder("KvtUnitEmpty"), "");
+  WritePointer("KvtUnitLong", std::string(300, 'p') + "\n");
+  EXPECT_EQ(std::string(GetProgramFolder("KvtUnitLong")), std::string(255, 'p'));
+
+  // The pointer file is read afresh at every call.
+  fs::path changing = WritePointer("KvtUnitChange", "/first\n");
+  EXPECT_STREQ(GetProgramFolder("KvtUnitChange"), "/first");
+  WritePointer("KvtUnitChange", "/second");
+  EXPECT_STREQ(GetProgramFolder("KvtUnitChange"), "/second");
+
+  // Without a pointer file the answer is the pointer file's own path.
+  fs::remove(changing);
+  EXPECT_EQ(std::string(GetProgramFolder("KvtUnitChange")),
+            std::string(GetAppFolder(3)) + "/Velmora/KvtUnitChange");
+  // A path that does not fit in a folder text is refused, not cut.
+  EXPECT_STREQ(GetProgramFolder(std::string(300, 'n').c_str()), "");
+}
+
+TEST(Folders, ThreadsAskingAtOnceEachGetTheirOwnCompleteAnswer) {
+  WritePointer("KvtUnitA", "/folder/of/a\n");
+  WritePointer("KvtUnitB", "/folder/of/b\n");
+  std::vector<std::thread> threads;
+  std::vector<std::string> seen(16);
+  for (int t = 0; t < 16; ++t)
+    threads.emplace_back([t, &seen] {
+      for (int i = 0; i < 200; ++i) {
+        const char* product = (t + i) % 2 ? "KvtUnitA" : "KvtUnitB";
+        std::string got = GetProgramFolder(product);
+        std::string want = (t + i) % 2 ? "/folder/of/a" : "/folder/of/b";
+        if (got != want) seen[t] = got;
+        if (std::string(GetAppFolder(3)).empty()) seen[t] = "empty common folder";
+      }
+    });
+  for (auto& t : threads) t.join();
+  for (const auto& s : seen) EXPECT_EQ(s, "");
+}
+
+}  // namespace
+}  // namespace kvt

@@ -78,6 +78,7 @@ int WaitReadable(const Socket* sockets, int count, bool* ready) {
   // poll rather than select: a listening descriptor may lie above FD_SETSIZE when the
   // process already holds many descriptors.
   pollfd fds[64];
+  for (int i = 64; i < count; ++i) ready[i] = false;
   if (count > 64) count = 64;
   for (int i = 0; i < count; ++i) fds[i] = {static_cast<int>(sockets[i]), POLLIN, 0};
   int n;
@@ -92,6 +93,14 @@ Socket Accept(Socket listener) {
   do s = ::accept4(static_cast<int>(listener), nullptr, nullptr, SOCK_CLOEXEC);
   while (s < 0 && errno == EINTR);
   return s < 0 ? kNoSocket : s;
+}
+
+std::uint16_t LocalPort(Socket s) {
+  sockaddr_in address{};
+  socklen_t length = sizeof address;
+  if (::getsockname(static_cast<int>(s), reinterpret_cast<sockaddr*>(&address), &length) != 0)
+    return 0;
+  return ntohs(address.sin_port);
 }
 
 Socket Connect(const char* host, std::uint16_t port, int* error) {
