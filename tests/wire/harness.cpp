@@ -1,0 +1,213 @@
+#include "harness.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+extern char** environ;
+
+namespace kvt::wire {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+fs::path MakeTempFolder() {
+  const char* tmp = std::getenv("TMPDIR");
+  std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/kvt-wire-XXXXXX";
+  return ::mkdtemp(pattern.data()) ? fs::path(pattern) : fs::path();
+}
+
+fs::path WineProgram() {
+  const char* path = std::getenv("PATH");
+  std::stringstream folders(path ? path : "");
+  for (std::string folder; std::getline(folders, folder, ':');)
+    if (!folder.empty() && ::access((folder + "/wine").c_str(), X_OK) == 0) return folder + "/wine";
+  return {};
+}
+
+// The test's environment less ProgramData, plus `extra`.
+std::vector<std::string> Environment(const std::vector<std::string>& extra) {
+  std::vector<std::string> env;
+  for (char** e = environ; *e != nullptr; ++e)
+    if (std::string_view(*e).substr(0, 12) != "ProgramData=") env.emplace_back(*e);
+  env.insert(env.end(), extra.begin(), extra.end());
+  return env;
+}
+
+std::vector<char*> Pointers(std::vector<std::string>& words) {
+  std::vector<char*> pointers;
+  for (std::string& word : words) pointers.push_back(word.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+// Starts argv[0] in `cwd`: stdin from /dev/null, stdout and stderr to files there.
+pid_t Spawn(std::vector<std::string> argv, const fs::path& cwd, std::vector<std::string> env) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addchdir_np(&actions, cwd.c_str());
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  const std::string out = cwd / "stdout", err = cwd / "stderr";
+  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  pid_t pid = -1;
+  std::vector<char*> args = Pointers(argv), vars = Pointers(env);
+  if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), vars.data()) != 0) pid = -1;
+  posix_spawn_file_actions_destroy(&actions);
+  return pid;
+}
+
+int StatusOf(int wait) { return WIFEXITED(wait) ? WEXITSTATUS(wait) : 128 + WTERMSIG(wait); }
+
+// The exit status within `limit`; otherwise the process is killed and none is returned.
+std::optional<int> WaitExit(pid_t pid, Milliseconds limit) {
+  int wait = 0;
+  if (WaitUntil([&] { return ::waitpid(pid, &wait, WNOHANG) == pid; }, limit))
+    return StatusOf(wait);
+  ::kill(pid, SIGKILL);
+  ::waitpid(pid, &wait, 0);
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::string Unavailable(Kind kind) {
+  if (kind == Kind::kLinux) return {};
+  const fs::path exe = KVT_WINDOWS_SERVER;
+  if (exe.empty()) return "no Windows server: the CMake variable KVT_WINDOWS_SERVER is empty";
+  if (!fs::exists(exe)) return exe.string() + " does not exist: build the Windows program first";
+  if (WineProgram().empty()) return "wine is not installed";
+  // Never fall back on the user's own prefix: ctest provides one for these tests.
+  if (std::getenv("WINEPREFIX") == nullptr) return "WINEPREFIX is not set: run the test via ctest";
+  return {};
+}
+
+bool WaitUntil(const std::function<bool()>& done, Milliseconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() >= end) return done();
+    std::this_thread::sleep_for(20ms);
+  }
+  return true;
+}
+
+bool PortListening() {
+  // Columns: slot, local address:port (hex), remote address, state (0A = LISTEN), ...
+  for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
+    std::ifstream in(table);
+    std::string line, slot, local, remote, state;
+    std::getline(in, line);
+    while (in >> slot >> local >> remote >> state) {
+      if (local.ends_with(":C90E") && state == "0A") return true;
+      std::getline(in, line);
+    }
+  }
+  return false;
+}
+
+std::string ReadFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+Outcome RunKvtctl(const std::vector<std::string>& args) {
+  const fs::path cwd = MakeTempFolder();
+  std::vector<std::string> argv{KVT_KVTCTL};
+  argv.insert(argv.end(), args.begin(), args.end());
+  Outcome run;
+  if (pid_t pid = Spawn(argv, cwd, Environment({})); pid > 0) run.status = WaitExit(pid, 30s);
+  run.out = ReadFile(cwd / "stdout");
+  run.err = ReadFile(cwd / "stderr");
+  std::error_code ignored;
+  fs::remove_all(cwd, ignored);
+  return run;
+}
+
+Server::Server(Kind kind) : kind_(kind), root_(MakeTempFolder()), cwd_(root_ / "cwd") {
+  fs::create_directories(cwd_);
+  // The folders the file commands work in, fresh for each server.
+  fs::path data = root_ / "data";
+  if (kind_ == Kind::kWine) {
+    data = fs::path(std::getenv("WINEPREFIX")) / "drive_c" / "ProgramData";
+    fs::remove_all(data / "Corvina");
+  }
+  fs::create_directories(data / "Corvina" / "spool");
+  fs::create_directories(data / "Corvina" / "gamut");
+}
+
+Server::~Server() {
+  Stop();
+  std::error_code ignored;
+  fs::remove_all(root_, ignored);
+}
+
+Milliseconds Server::Patience() const { return kind_ == Kind::kWine ? 30s : 10s; }
+
+std::string Server::Start(const std::vector<std::string>& args) {
+  Stop();
+  std::vector<std::string> argv, extra;
+  if (kind_ == Kind::kLinux) {
+    argv = {KVT_LINUX_SERVER};
+    extra = {"ProgramData=" + (root_ / "data").string()};
+  } else {
+    argv = {WineProgram(), KVT_WINDOWS_SERVER};
+    if (std::getenv("WINEDEBUG") == nullptr) extra = {"WINEDEBUG=-all"};
+  }
+  argv.insert(argv.end(), args.begin(), args.end());
+  status_.reset();
+  pid_ = Spawn(argv, cwd_, Environment(extra));
+  return pid_ > 0 ? "" : "cannot start " + argv[0];
+}
+
+std::string Server::StartListening(const std::vector<std::string>& args) {
+  // A server that was just killed may take a moment to let go of the port.
+  if (!WaitUntil([] { return !PortListening(); }, 10s))
+    return "port 51470 is taken by another program (ss -ltnp shows which): stop it first";
+  if (std::string error = Start(args); !error.empty()) return error;
+  bool up = WaitUntil([&] { return PortListening() || !Running(); }, Patience());
+  if (!Running())
+    return "the server ended at start with status " + std::to_string(status_.value_or(-1)) +
+           "; its output: " + Output() + Errors();
+  if (!up) return "the server did not listen on port 51470 in time";
+  // Wine may run a Windows program in a process other than the one spawned; then killing
+  // that pid would leave the port taken.
+  std::string command = ReadFile("/proc/" + std::to_string(pid_) + "/cmdline");
+  if (kind_ == Kind::kWine && command.find("kvtnetd.exe") == std::string::npos)
+    return "pid " + std::to_string(pid_) + " is not the Windows program but " + command;
+  return {};
+}
+
+bool Server::Running() {
+  int wait = 0;
+  if (pid_ > 0 && ::waitpid(pid_, &wait, WNOHANG) == pid_) {
+    status_ = StatusOf(wait);
+    pid_ = -1;
+  }
+  return pid_ > 0;
+}
+
+std::optional<int> Server::WaitExit() {
+  if (pid_ > 0) status_ = wire::WaitExit(pid_, Patience());
+  pid_ = -1;
+  return status_;
+}
+
+std::string Server::Stop() {
+  if (!Running()) return {};
+  ::kill(pid_, SIGKILL);
+  ::waitpid(pid_, nullptr, 0);
+  pid_ = -1;
+  if (!WaitUntil([] { return !PortListening(); }, Patience()))
+    return "port 51470 is still taken after the server was killed";
+  return {};
+}
+
+}  // namespace kvt::wire
