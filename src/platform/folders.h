@@ -16,6 +16,10 @@ namespace kvt::folders {
 // `out` empty, when the platform gives nothing or the answer does not fit in `size`.
 bool StandardFolder(int selector, char* out, std::size_t size);
 
+// The full path of the running program's file (Windows: GetModuleFileNameA with no module).
+// False, and `out` empty, when the platform gives none or the path does not fit in `size`.
+bool ProgramPath(char* out, std::size_t size);
+
 // The temporary-files path, ending with a separator. False when none or too long.
 bool TempPath(char* out, std::size_t size);
 

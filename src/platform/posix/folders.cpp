@@ -34,9 +34,7 @@ const char* FirstSet(const char* a, const char* b = nullptr) {
 
 bool ProgramFolder(char* out, std::size_t size) {
   char path[4096];
-  ssize_t n = ::readlink("/proc/self/exe", path, sizeof path - 1);
-  if (n <= 0) return false;
-  path[n] = '\0';
+  if (!ProgramPath(path, sizeof path)) return false;
   char* slash = std::strrchr(path, '/');
   if (slash == nullptr) return false;
   *slash = '\0';
@@ -74,6 +72,18 @@ bool StandardFolder(int selector, char* out, std::size_t size) {
     default:
       return false;
   }
+}
+
+bool ProgramPath(char* out, std::size_t size) {
+  if (out == nullptr || size == 0) return false;
+  out[0] = '\0';
+  ssize_t n = ::readlink("/proc/self/exe", out, size);
+  if (n <= 0 || static_cast<std::size_t>(n) >= size) {  // n == size: the path was cut
+    out[0] = '\0';
+    return false;
+  }
+  out[n] = '\0';
+  return true;
 }
 
 bool TempPath(char* out, std::size_t size) {

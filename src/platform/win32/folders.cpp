@@ -25,9 +25,7 @@ bool Put(char* out, std::size_t size, const char* text) {
 
 bool ProgramFolder(char* out, std::size_t size) {
   char path[kPathRoom];
-  DWORD n = ::GetModuleFileNameA(nullptr, path, kPathRoom);
-  if (n == 0 || n >= kPathRoom) return false;  // n == room: the path was cut
-  path[n] = '\0';
+  if (!ProgramPath(path, kPathRoom)) return false;
   char* backslash = std::strrchr(path, '\\');
   if (backslash == nullptr) return false;
   *backslash = '\0';
@@ -97,6 +95,18 @@ bool StandardFolder(int selector, char* out, std::size_t size) {
   }
   if (!found) out[0] = '\0';
   return found;
+}
+
+bool ProgramPath(char* out, std::size_t size) {
+  if (out == nullptr || size == 0) return false;
+  DWORD room = size > 0xFFFFu ? 0xFFFFu : static_cast<DWORD>(size);
+  DWORD n = ::GetModuleFileNameA(nullptr, out, room);
+  if (n == 0 || n >= room) {  // n == room: the path was cut
+    out[0] = '\0';
+    return false;
+  }
+  out[n] = '\0';
+  return true;
 }
 
 bool TempPath(char* out, std::size_t size) {

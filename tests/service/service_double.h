@@ -1,0 +1,28 @@
+// A scripted service control manager in place of the platform's: service_double.cpp
+// defines every function of platform/service.h, so a test binary that links it never takes
+// the platform's own from kvt_platform. It records each call, fails the steps it is told
+// to, and knows which handles are still open.
+#pragma once
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "platform/service.h"
+
+namespace kvt::service::fake {
+
+// Forgets calls, failures, reports and controls; no handle is open.
+void Reset();
+// Every later call of `step` fails with `error`. Steps: OpenManager, Open, Create, Start,
+// Control, Delete, Dispatcher, Register, SetStatus.
+void Fail(const std::string& step, int error);
+// The controls the dispatcher passes to the registered handler after the main routine.
+void Deliver(std::initializer_list<std::uint32_t> controls);
+
+// Each call as "Step(arguments)"; handles show as "manager" or "service".
+const std::vector<std::string>& Calls();
+// What SetStatus was given, as "type state controls exit specific checkpoint hint".
+const std::vector<std::string>& Reports();
+int OpenHandles();
+
+}  // namespace kvt::service::fake
