@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "files/commands.h"
 #include "server/wire.h"
 
 namespace kvt {
@@ -12,6 +13,9 @@ namespace {
 // ignored, and so do the commands that are not served yet.
 constexpr std::array<CommandHandler, 256> MakeTable() {
   std::array<CommandHandler, 256> table{};
+  table[CMD_GET_GAMUT] = SendGamutFile;
+  table[CMD_LIST_CONFIGS] = ListConfigurations;
+  table[CMD_REGISTER_COLOR_TABLE] = RegisterColorTable;
   return table;
 }
 

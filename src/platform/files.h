@@ -1,0 +1,25 @@
+// Files by path: status, and creation that never replaces an existing file.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+namespace kvt::files {
+
+struct Status {
+  std::int32_t size;    // bytes
+  std::uint32_t mtime;  // low 32 bits of the last-modification time, seconds since 1970 UTC
+};
+
+// The status of a plain file. False when there is none at that path, the entry is a folder
+// (or, on POSIX, anything but a regular file), or its size does not fit a signed 32-bit
+// number (2 GiB or more): the wire carries sizes as 32-bit numbers.
+bool GetStatus(const char* path, Status* out);
+
+enum class Created { kCreated, kExists, kFailed };
+
+// Creates the file only if nothing of that name exists, writes `size` bytes to it and
+// closes it. kExists: something of that name was there, nothing was touched. kCreated: the
+// file is new (a failed write leaves it shorter). The descriptor is never inherited.
+Created CreateNew(const char* path, const void* data, std::size_t size);
+
+}  // namespace kvt::files

@@ -1,0 +1,35 @@
+#include "platform/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace kvt::files {
+
+bool GetStatus(const char* path, Status* out) {
+  struct stat status;
+  if (::stat(path, &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  if (status.st_size < 0 || status.st_size > 0x7FFFFFFF) return false;
+  out->size = static_cast<std::int32_t>(status.st_size);
+  out->mtime = static_cast<std::uint32_t>(status.st_mtime);
+  return true;
+}
+
+Created CreateNew(const char* path, const void* data, std::size_t size) {
+  int fd = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd < 0) return errno == EEXIST ? Created::kExists : Created::kFailed;
+  const char* bytes = static_cast<const char*>(data);
+  while (size > 0) {
+    ssize_t n = ::write(fd, bytes, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;  // disk full or an I/O error: the file stays as far as it got
+    bytes += n;
+    size -= static_cast<std::size_t>(n);
+  }
+  ::close(fd);
+  return Created::kCreated;
+}
+
+}  // namespace kvt::files

@@ -1,0 +1,105 @@
+#include "platform/search.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <new>
+
+namespace kvt::search {
+
+namespace {
+
+struct Search {
+  DIR* folder;
+  char* path;           // a copy of the search path, cut at its last "/"
+  const char* pattern;  // within `path`
+};
+
+char Fold(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+// "*" and "?" as the Windows search takes them in the patterns this server uses; letters
+// match either case, as file names do on Windows. Iterative with one back-track point for
+// the last "*": linear in practice and never recursive.
+bool Matches(const char* pattern, const char* name) {
+  const char* star = nullptr;
+  const char* resume = nullptr;
+  while (*name != '\0') {
+    if (*pattern == '*') {
+      star = pattern++;
+      resume = name;
+    } else if (*pattern != '\0' && (*pattern == '?' || Fold(*pattern) == Fold(*name))) {
+      ++pattern;
+      ++name;
+    } else if (star != nullptr) {
+      pattern = star + 1;
+      name = ++resume;
+    } else {
+      return false;
+    }
+  }
+  while (*pattern == '*') ++pattern;
+  return *pattern == '\0';
+}
+
+bool IsDirectory(DIR* folder, const dirent* entry) {
+  if (entry->d_type == DT_DIR) return true;
+  if (entry->d_type != DT_UNKNOWN && entry->d_type != DT_LNK) return false;
+  // The file system does not say, or the entry is a link: ask about what it names.
+  struct stat status;
+  return ::fstatat(::dirfd(folder), entry->d_name, &status, 0) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool Advance(Search* search, Match* match) {
+  while (const dirent* entry = ::readdir(search->folder)) {
+    if (!Matches(search->pattern, entry->d_name)) continue;
+    std::size_t length = std::strlen(entry->d_name);
+    if (length >= sizeof match->name) continue;  // NAME_MAX is 255: does not happen
+    std::memcpy(match->name, entry->d_name, length + 1);
+    match->directory = IsDirectory(search->folder, entry);
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+Handle Start(const char* path, Match* first) {
+  std::size_t length = std::strlen(path);
+  auto* search = new (std::nothrow) Search{nullptr, nullptr, ""};
+  if (search == nullptr) return nullptr;
+  search->path = new (std::nothrow) char[length + 1];
+  if (search->path == nullptr) {
+    delete search;
+    return nullptr;
+  }
+  std::memcpy(search->path, path, length + 1);
+  const char* folder = ".";
+  if (char* slash = std::strrchr(search->path, '/')) {
+    *slash = '\0';
+    folder = slash == search->path ? "/" : search->path;
+    search->pattern = slash + 1;
+  } else {
+    search->pattern = search->path;
+  }
+  // readdir on different streams is safe across threads; the stream is never shared.
+  if (*search->pattern != '\0') search->folder = ::opendir(folder);
+  if (search->folder == nullptr || !Advance(search, first)) {
+    End(search);
+    return nullptr;
+  }
+  return search;
+}
+
+bool Next(Handle handle, Match* match) { return Advance(static_cast<Search*>(handle), match); }
+
+void End(Handle handle) {
+  auto* search = static_cast<Search*>(handle);
+  if (search == nullptr) return;
+  if (search->folder != nullptr) ::closedir(search->folder);
+  delete[] search->path;
+  delete search;
+}
+
+}  // namespace kvt::search
