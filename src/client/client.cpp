@@ -36,6 +36,11 @@ std::uint32_t GetU32(const std::uint8_t b[4], ByteOrder order) {
   return v;
 }
 
+// The server reads a text field up to its NUL: the field must hold the text and the NUL.
+bool FitsField(std::string_view text, std::size_t width) {
+  return text.size() < width && text.find('\0') == std::string_view::npos;
+}
+
 }  // namespace
 
 ByteOrder OrderOfMarker(const Marker& marker) {
@@ -143,8 +148,7 @@ bool Connection::SendLe32(std::uint32_t value) {
 }
 
 bool Connection::SendText(std::string_view text, std::size_t width) {
-  // The server reads the text up to its NUL: the field must hold the text and the NUL.
-  if (text.size() >= width || text.find('\0') != std::string_view::npos)
+  if (!FitsField(text, width))
     return Fail(Status::kFailed,
                 Format("text of %zu characters does not fit a %zu-byte field", text.size(), width));
   std::string field(width, '\0');
@@ -236,6 +240,69 @@ bool Connection::SendClose() {
   bool ended = SendFrame(kCmdClose) && ExpectEnd();
   Close();
   return ended;
+}
+
+std::optional<GamutInfo> Connection::GetGamut(std::string_view folder, std::string_view base,
+                                              const Sink& sink) {
+  // Checked before a byte goes out, so that a refused request leaves the stream in step.
+  if (!FitsField(folder, 100) || !FitsField(base, 40)) {
+    Fail(Status::kFailed, "a gamut folder name has at most 99 characters, a file name 39");
+    return std::nullopt;
+  }
+  if (!SendFrame(kCmdGetGamut) || !SendText(folder, 100) || !SendText(base, 40))
+    return std::nullopt;
+  GamutInfo info;
+  std::optional<std::uint32_t> mtime = RecvU32(), size;  // the time comes first
+  if (!mtime || !(size = RecvU32())) return std::nullopt;
+  info.mtime = *mtime;
+  info.size = *size;
+  char buffer[8192];
+  for (std::uint32_t left = info.size; left > 0;) {
+    std::size_t piece = std::min<std::size_t>(left, sizeof buffer);
+    if (RecvBytes(buffer, piece) != Status::kOk) return std::nullopt;
+    if (!sink(buffer, piece)) {
+      Close();
+      Fail(Status::kFailed, "the content could not be stored");
+      return std::nullopt;
+    }
+    left -= static_cast<std::uint32_t>(piece);
+  }
+  return info;
+}
+
+std::optional<std::vector<ConfigRecord>> Connection::ListConfigs(std::string_view folder) {
+  if (!FitsField(folder, 80)) {
+    Fail(Status::kFailed, "a configuration folder name has at most 79 characters");
+    return std::nullopt;
+  }
+  if (!SendFrame(kCmdListConfigs) || !SendText(folder, 80)) return std::nullopt;
+  std::optional<std::uint32_t> count = RecvU32();
+  if (!count) return std::nullopt;
+  // Grown record by record: a bad count runs into the time-out, not into a huge block.
+  std::vector<ConfigRecord> records;
+  for (std::uint32_t i = 0; i < *count; ++i) {
+    std::uint8_t b[48];
+    if (RecvBytes(b, sizeof b) != Status::kOk) return std::nullopt;
+    ConfigRecord& record = records.emplace_back();
+    std::copy(b, b + 40, record.field.begin());
+    record.size = GetU32(b + 40, ByteOrder::kLittle);  // little-endian for every client
+    record.mtime = GetU32(b + 44, order_);
+  }
+  return records;
+}
+
+std::optional<std::uint32_t> Connection::RegisterColorTable(std::string_view name,
+                                                            std::string_view data) {
+  if (name.size() > UINT32_MAX || data.size() > UINT32_MAX) {
+    Fail(Status::kFailed, "a colour table's name and data have at most 4 GiB - 1 bytes each");
+    return std::nullopt;
+  }
+  // The lengths and the result are little-endian whatever the client order.
+  if (!SendFrame(kCmdRegisterColorTable) || !SendLe32(static_cast<std::uint32_t>(name.size())) ||
+      !SendBytes(name.data(), name.size()) ||
+      !SendLe32(static_cast<std::uint32_t>(data.size())) || !SendBytes(data.data(), data.size()))
+    return std::nullopt;
+  return RecvLe32();
 }
 
 std::string Ping(const std::string& host, std::uint16_t port, ByteOrder order, int timeoutMs) {

@@ -11,9 +11,11 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/net.h"
 
@@ -55,6 +57,27 @@ enum class Status {
   kClosed,    // the server closed the connection (end of stream)
   kTimedOut,  // nothing more arrived within the time-out
   kFailed,    // not connected, or the connection broke (reset, send failure)
+};
+
+// CMD_GET_GAMUT's answer head. A missing file is answered with both zero.
+struct GamutInfo {
+  std::uint32_t mtime = 0;  // last modification, seconds since 1970 UTC (low 32 bits)
+  std::uint32_t size = 0;
+  bool found() const { return mtime != 0 || size != 0; }
+};
+
+// Takes a piece of streamed content; false stops the transfer.
+using Sink = std::function<bool(const char* bytes, std::size_t count)>;
+
+// One record of CMD_LIST_CONFIGS.
+struct ConfigRecord {
+  std::array<char, 40> field{};  // as sent: the base name, a NUL, the rest of the file name
+  std::uint32_t size = 0;        // of the configuration file
+  std::uint32_t mtime = 0;       // of its colour file (.gamut, else .icc, else .icm); 0: none
+  std::string name() const {
+    std::string_view all(field.data(), field.size());
+    return std::string(all.substr(0, all.find('\0')));
+  }
 };
 
 class Connection {
@@ -104,6 +127,20 @@ class Connection {
   // ---- Commands ----
   // CMD_CLOSE: the server closes the connection and answers nothing; then so do we.
   bool SendClose();
+
+  // CMD_GET_GAMUT: the gamut file `base`.gamut of the gamut folder's sub-folder `folder`
+  // (at most 99 and 39 characters). The content goes to `sink` in pieces of at most 8,192
+  // bytes as it arrives, never held whole. When the sink refuses a piece the connection is
+  // closed: the rest of the content would still be on its way.
+  std::optional<GamutInfo> GetGamut(std::string_view folder, std::string_view base,
+                                    const Sink& sink);
+  // CMD_LIST_CONFIGS: the configurations of the sub-folder `folder` (at most 79
+  // characters), oldest configuration file first. A missing folder lists none.
+  std::optional<std::vector<ConfigRecord>> ListConfigs(std::string_view folder);
+  // CMD_REGISTER_COLOR_TABLE: hands `data` under `name` to the server's colour tool and
+  // returns its exit code, which is 0 also when the server refused the table or could not
+  // start the tool.
+  std::optional<std::uint32_t> RegisterColorTable(std::string_view name, std::string_view data);
 
   Status status() const { return status_; }
   const std::string& error() const { return error_; }

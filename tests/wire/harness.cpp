@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -33,11 +34,15 @@ fs::path WineProgram() {
   return {};
 }
 
-// The test's environment less ProgramData, plus `extra`.
+// The test's environment less the folders a server takes from it, plus `extra`.
 std::vector<std::string> Environment(const std::vector<std::string>& extra) {
   std::vector<std::string> env;
-  for (char** e = environ; *e != nullptr; ++e)
-    if (std::string_view(*e).substr(0, 12) != "ProgramData=") env.emplace_back(*e);
+  for (char** e = environ; *e != nullptr; ++e) {
+    std::string_view var(*e);
+    if (!var.starts_with("ProgramData=") && !var.starts_with("ProgramFiles") &&
+        !var.starts_with("TMPDIR="))
+      env.emplace_back(var);
+  }
   env.insert(env.end(), extra.begin(), extra.end());
   return env;
 }
@@ -90,6 +95,36 @@ std::string Unavailable(Kind kind) {
   return {};
 }
 
+client::Connection Opened(const client::Marker& marker) {
+  client::Connection c;
+  EXPECT_TRUE(c.Connect("127.0.0.1") && c.Open(marker)) << c.error();
+  return c;
+}
+
+void ServerSuite::SetUp() {
+  if (std::string why = Unavailable(GetParam()); !why.empty()) GTEST_SKIP() << why;
+  if (server_ == nullptr && startError_.empty()) {
+    server_ = std::make_unique<Server>(GetParam());
+    startError_ = server_->StartListening();
+    if (!startError_.empty()) server_.reset();
+  }
+  ASSERT_EQ(startError_, "");  // once per suite: the other tests fail at once
+}
+
+void ServerSuite::TearDown() {
+  if (server_) {
+    EXPECT_TRUE(server_->Running()) << "the server ended; " << server_->Errors();
+  }
+}
+
+void ServerSuite::TearDownTestSuite() {
+  if (server_) {
+    EXPECT_EQ(server_->Stop(), "");
+  }
+  server_.reset();
+  startError_.clear();
+}
+
 bool WaitUntil(const std::function<bool()>& done, Milliseconds limit) {
   const auto end = std::chrono::steady_clock::now() + limit;
   while (!done()) {
@@ -118,12 +153,12 @@ std::string ReadFile(const fs::path& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-Outcome RunKvtctl(const std::vector<std::string>& args) {
+Outcome RunKvtctl(const std::vector<std::string>& args, const std::vector<std::string>& env) {
   const fs::path cwd = MakeTempFolder();
   std::vector<std::string> argv{KVT_KVTCTL};
   argv.insert(argv.end(), args.begin(), args.end());
   Outcome run;
-  if (pid_t pid = Spawn(argv, cwd, Environment({})); pid > 0) run.status = WaitExit(pid, 30s);
+  if (pid_t pid = Spawn(argv, cwd, Environment(env)); pid > 0) run.status = WaitExit(pid, 30s);
   run.out = ReadFile(cwd / "stdout");
   run.err = ReadFile(cwd / "stderr");
   std::error_code ignored;
@@ -131,22 +166,49 @@ Outcome RunKvtctl(const std::vector<std::string>& args) {
   return run;
 }
 
-Server::Server(Kind kind) : kind_(kind), root_(MakeTempFolder()), cwd_(root_ / "cwd") {
+Server::Server(Kind kind)
+    : kind_(kind),
+      root_(MakeTempFolder()),
+      cwd_(root_ / "cwd"),
+      data_(root_ / "data"),
+      programs_(root_ / "programs") {
   fs::create_directories(cwd_);
-  // The folders the file commands work in, fresh for each server.
-  fs::path data = root_ / "data";
+  fs::create_directories(ToolRecords());
+  // The folders the file commands work in, fresh for each server. Under Wine they are the
+  // prefix's own; its temporary folder is Wine's too.
   if (kind_ == Kind::kWine) {
-    data = fs::path(std::getenv("WINEPREFIX")) / "drive_c" / "ProgramData";
-    fs::remove_all(data / "Corvina");
+    const fs::path drive = fs::path(std::getenv("WINEPREFIX")) / "drive_c";
+    data_ = drive / "ProgramData";
+    programs_ = drive / "Program Files (x86)";
+    fs::remove_all(data_ / "Corvina");
+    fs::remove_all(programs_ / "KVT");
   }
-  fs::create_directories(data / "Corvina" / "spool");
-  fs::create_directories(data / "Corvina" / "gamut");
+  fs::create_directories(data_ / "Corvina" / "spool");
+  fs::create_directories(Gamut());
 }
 
 Server::~Server() {
   Stop();
   std::error_code ignored;
   fs::remove_all(root_, ignored);
+  if (kind_ == Kind::kWine) {
+    fs::remove_all(data_ / "Corvina", ignored);
+    fs::remove_all(programs_ / "KVT", ignored);
+  }
+}
+
+void Server::InstallTool() const {
+  const fs::path standin = kind_ == Kind::kLinux ? fs::path(KVT_LINUX_STANDIN)
+                           : fs::path(KVT_WINDOWS_SERVER).parent_path() / "tests" / "standins" /
+                                 "ShadeProof.exe";
+  fs::create_directories(Tool().parent_path());
+  fs::copy_file(standin, Tool(), fs::copy_options::overwrite_existing);
+}
+
+fs::path Server::HostPath(std::string serverPath) const {
+  if (kind_ == Kind::kLinux || !serverPath.starts_with("C:\\")) return serverPath;
+  std::replace(serverPath.begin(), serverPath.end(), '\\', '/');
+  return data_.parent_path() / serverPath.substr(3);  // the prefix's drive_c
 }
 
 Milliseconds Server::Patience() const { return kind_ == Kind::kWine ? 30s : 10s; }
@@ -156,10 +218,12 @@ std::string Server::Start(const std::vector<std::string>& args) {
   std::vector<std::string> argv, extra;
   if (kind_ == Kind::kLinux) {
     argv = {KVT_LINUX_SERVER};
-    extra = {"ProgramData=" + (root_ / "data").string()};
+    extra = {"ProgramData=" + data_.string(), "ProgramFiles=" + programs_.string(),
+             "TMPDIR=" + root_.string(), "KVT_STANDIN_DIR=" + ToolRecords().string()};
   } else {
     argv = {WineProgram(), KVT_WINDOWS_SERVER};
-    if (std::getenv("WINEDEBUG") == nullptr) extra = {"WINEDEBUG=-all"};
+    extra = {"KVT_STANDIN_DIR=Z:" + ToolRecords().string()};  // Wine passes it through
+    if (std::getenv("WINEDEBUG") == nullptr) extra.push_back("WINEDEBUG=-all");
   }
   argv.insert(argv.end(), args.begin(), args.end());
   status_.reset();

@@ -1,15 +1,19 @@
 // The real server programs for the wire tests: the Linux kvtnetd and kvtnetd.exe under
 // Wine, each started in folders of its own on the fixed port 51470.
 #pragma once
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
+
+#include "client/client.h"
 
 namespace kvt::wire {
 
@@ -37,7 +41,8 @@ struct Outcome {
   std::optional<int> status;  // none: still running at the limit, then killed
   std::string out, err;
 };
-Outcome RunKvtctl(const std::vector<std::string>& args);
+// kvtctl with these arguments; `env` adds NAME=value entries to its environment.
+Outcome RunKvtctl(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
 
 // One server kind with a fresh temporary working folder and a fresh data folder; starts and
 // stops the program in them, any number of times.
@@ -55,6 +60,17 @@ class Server {
   std::string Errors() const { return ReadFile(cwd_ / "stderr"); }
   Milliseconds Patience() const;  // how long a start or an exit may take
 
+  // The server's gamut folder (Corvina/gamut below its common data folder).
+  fs::path Gamut() const { return data_ / "Corvina" / "gamut"; }
+  // Where the server looks for the colour tool, and the folder in which the tool's
+  // stand-in records its calls (KVT_STANDIN_DIR in the server's environment).
+  fs::path Tool() const { return programs_ / "KVT" / "ShadeProof" / "ShadeProof.exe"; }
+  fs::path ToolRecords() const { return root_ / "standin"; }
+  // Puts the stand-in of this kind's build where the server looks for the tool.
+  void InstallTool() const;
+  // A path as the server names it, as a path of this machine (Wine's C: drive mapped).
+  fs::path HostPath(std::string serverPath) const;
+
   // Spawns the program with these arguments; empty on success, else why not.
   std::string Start(const std::vector<std::string>& args);
   // Start, then wait until port 51470 accepts; refuses when the port is taken beforehand.
@@ -66,9 +82,23 @@ class Server {
 
  private:
   Kind kind_;
-  fs::path root_, cwd_;
+  fs::path root_, cwd_, data_, programs_;
   pid_t pid_ = -1;
   std::optional<int> status_;
+};
+
+// A connection that has done the opening exchange (a failed expectation when it can't).
+client::Connection Opened(const client::Marker& marker = client::kLittleEndianMarker);
+
+// Tests on one server per test suite, started by the suite's first test and shared by the
+// rest; they skip when the kind can't run here.
+class ServerSuite : public ::testing::TestWithParam<Kind> {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+  static void TearDownTestSuite();
+  static inline std::unique_ptr<Server> server_;
+  static inline std::string startError_;
 };
 
 }  // namespace kvt::wire
