@@ -14,6 +14,15 @@ namespace {
 SOCKET Native(Socket s) { return static_cast<SOCKET>(s); }
 Socket Wrap(SOCKET s) { return s == INVALID_SOCKET ? kNoSocket : static_cast<Socket>(s); }
 
+// The server's sockets are inheritable by default, and every program the server starts
+// inherits its handles: it would hold the listeners and the other clients' connections open
+// after the server closes them. A program is given a connection by duplication instead.
+SOCKET NotInherited(SOCKET s) {
+  if (s != INVALID_SOCKET)
+    ::SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
+  return s;
+}
+
 }  // namespace
 
 int Startup() {
@@ -47,7 +56,7 @@ int ResolveIPv4(const char* name, std::uint8_t (*addresses)[4], int max) {
 }
 
 Socket OpenListener(const std::uint8_t addr[4], std::uint16_t port, int backlog) {
-  SOCKET s = ::socket(AF_INET, SOCK_STREAM, 0);
+  SOCKET s = NotInherited(::socket(AF_INET, SOCK_STREAM, 0));
   if (s == INVALID_SOCKET) return kNoSocket;
   // No SO_REUSEADDR: on Windows it would let another program bind the same port.
   sockaddr_in address{};
@@ -75,7 +84,9 @@ int WaitReadable(const Socket* sockets, int count, bool* ready) {
   return n == SOCKET_ERROR ? -1 : n;
 }
 
-Socket Accept(Socket listener) { return Wrap(::accept(Native(listener), nullptr, nullptr)); }
+Socket Accept(Socket listener) {
+  return Wrap(NotInherited(::accept(Native(listener), nullptr, nullptr)));
+}
 
 std::uint16_t LocalPort(Socket s) {
   sockaddr_in address{};

@@ -1,0 +1,110 @@
+// Stand-in for the print-feeding program, for tests. Each start appends a line to
+// "jobfeeder-starts" in the folder named by KVT_STANDIN_DIR: the time in milliseconds since
+// 1970, then each argument after the program's own name, each after a tab. Without "-l" it
+// then stays for the milliseconds in that folder's "jobfeeder-stay-ms" (none: it exits).
+// Without KVT_STANDIN_DIR it records nothing.
+// With "-l" it takes the connection from the record on its standard input, sends "JOBFEED\n",
+// echoes one byte from the client and exits.
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#if defined(_WIN32)
+#include <windows.h>
+#include <winsock2.h>
+#else
+#include <sys/socket.h>
+#include <unistd.h>
+#endif
+
+namespace {
+
+constexpr int kRecordSize = 372;
+
+#if defined(_WIN32)
+using Socket = SOCKET;
+const Socket kNone = INVALID_SOCKET;
+
+Socket TakeSocket() {
+  WSAPROTOCOL_INFOA info;
+  static_assert(sizeof info == kRecordSize);
+  char* bytes = reinterpret_cast<char*>(&info);
+  DWORD got = 0;
+  for (DWORD n = 0; got < sizeof info; got += n)
+    if (!ReadFile(GetStdHandle(STD_INPUT_HANDLE), bytes + got, sizeof info - got, &n, nullptr) ||
+        n == 0)
+      return kNone;
+  WSADATA data;
+  if (WSAStartup(0x0202, &data) != 0) return kNone;
+  return WSASocketA(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, &info, 0, 0);
+}
+void CloseSocket(Socket s) { closesocket(s); }
+#else
+using Socket = int;
+const Socket kNone = -1;
+
+// The descriptor rides on the record's first byte; the record may come in several parts.
+Socket TakeSocket() {
+  char record[kRecordSize];
+  Socket s = kNone;
+  for (std::size_t got = 0; got < sizeof record;) {
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+    iovec part{record + got, sizeof record - got};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    ssize_t n = recvmsg(0, &message, MSG_CMSG_CLOEXEC);
+    if (n <= 0 || (message.msg_flags & MSG_CTRUNC)) return kNone;
+    for (cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c))
+      if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_RIGHTS &&
+          c->cmsg_len == CMSG_LEN(sizeof(int)))
+        std::memcpy(&s, CMSG_DATA(c), sizeof s);
+    got += static_cast<std::size_t>(n);
+  }
+  return s;
+}
+void CloseSocket(Socket s) { close(s); }
+#endif
+
+void RecordStart(const std::string& folder, int argc, char** argv) {
+  using namespace std::chrono;
+  auto ms = duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+  std::string line = std::to_string(ms);
+  for (int i = 1; i < argc; ++i) line += std::string("\t") + argv[i];
+  line += "\n";
+  if (std::FILE* out = std::fopen((folder + "/jobfeeder-starts").c_str(), "ab")) {
+    std::fwrite(line.data(), 1, line.size(), out);
+    std::fclose(out);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const char* dir = std::getenv("KVT_STANDIN_DIR");
+  const std::string folder = dir != nullptr ? dir : "";
+  if (!folder.empty()) RecordStart(folder, argc, argv);
+  if (argc < 2 || std::string(argv[1]) != "-l") {
+    int stay = 0;
+    std::FILE* in =
+        folder.empty() ? nullptr : std::fopen((folder + "/jobfeeder-stay-ms").c_str(), "rb");
+    if (in != nullptr) {
+      if (std::fscanf(in, "%d", &stay) != 1) stay = 0;
+      std::fclose(in);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(stay));
+    return 0;
+  }
+  Socket s = TakeSocket();
+  if (s == kNone) return 2;
+  char byte = 0;
+  int ok =
+      send(s, "JOBFEED\n", 8, 0) == 8 && recv(s, &byte, 1, 0) == 1 && send(s, &byte, 1, 0) == 1;
+  CloseSocket(s);
+  return ok ? 0 : 3;
+}
