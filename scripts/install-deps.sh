@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, only those missing.
-#   scripts/install-deps.sh          the Linux build (g++, CMake, GoogleTest)
+#   scripts/install-deps.sh          the Linux build (g++, CMake, GoogleTest, CUPS)
 #   scripts/install-deps.sh windows  also the Windows cross-build and Wine
 set -euo pipefail
 
-packages=(g++ cmake make googletest libgtest-dev)
+packages=(g++ cmake make googletest libgtest-dev libcups2-dev cups cups-client cups-bsd)
 if [[ "${1:-}" == windows ]]; then
   packages+=(g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix mingw-w64-x86-64-dev wine wine64)
 fi

@@ -22,4 +22,12 @@ enum class Created { kCreated, kExists, kFailed };
 // file is new (a failed write leaves it shorter). The descriptor is never inherited.
 Created CreateNew(const char* path, const void* data, std::size_t size);
 
+// Creates the file, or cuts an existing one to length 0, and writes `size` bytes to it as
+// they are. The number of bytes written (fewer when the disk fills), or -1 when the file
+// can't be opened for writing. The descriptor is never inherited.
+long long Replace(const char* path, const void* data, std::size_t size);
+
+// Deletes a file; false when there is none, it is a folder, or the system refuses.
+bool Remove(const char* path);
+
 }  // namespace kvt::files

@@ -32,4 +32,22 @@ Created CreateNew(const char* path, const void* data, std::size_t size) {
   return Created::kCreated;
 }
 
+long long Replace(const char* path, const void* data, std::size_t size) {
+  int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (fd < 0) return -1;
+  const char* bytes = static_cast<const char*>(data);
+  std::size_t written = 0;
+  while (written < size) {
+    ssize_t n = ::write(fd, bytes + written, size - written);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    written += static_cast<std::size_t>(n);
+  }
+  ::close(fd);
+  return static_cast<long long>(written);
+}
+
+// unlink, not remove: a client's path must never take away a folder, even an empty one.
+bool Remove(const char* path) { return ::unlink(path) == 0; }
+
 }  // namespace kvt::files

@@ -50,4 +50,25 @@ Created CreateNew(const char* path, const void* data, std::size_t size) {
   return Created::kCreated;
 }
 
+long long Replace(const char* path, const void* data, std::size_t size) {
+  // CREATE_ALWAYS creates the file or cuts it to length 0; no security attributes, so the
+  // handle is not inheritable.
+  HANDLE file = ::CreateFileA(path, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                              FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (file == INVALID_HANDLE_VALUE) return -1;
+  const char* bytes = static_cast<const char*>(data);
+  std::size_t written = 0;
+  while (written < size) {
+    std::size_t left = size - written;
+    DWORD chunk = left > 0x40000000u ? 0x40000000u : static_cast<DWORD>(left);
+    DWORD n = 0;
+    if (!::WriteFile(file, bytes + written, chunk, &n, nullptr) || n == 0) break;
+    written += n;
+  }
+  ::CloseHandle(file);
+  return static_cast<long long>(written);
+}
+
+bool Remove(const char* path) { return ::DeleteFileA(path) != FALSE; }
+
 }  // namespace kvt::files
