@@ -21,17 +21,6 @@ constexpr const char* kStoredFile = "%s/%X%X.ldf";
 // second that drew the same number.
 constexpr int kNameAttempts = 64;
 
-// Reads and drops `count` bytes that can't be kept, so that the next frame is found where
-// the client put it. Stops early when the peer has gone.
-void Drain(net::Socket socket, std::uint32_t count) {
-  char sink[8192];
-  while (count > 0) {
-    int chunk = count < sizeof sink ? static_cast<int>(count) : static_cast<int>(sizeof sink);
-    if (RecvAll(socket, sink, chunk) < chunk) return;
-    count -= static_cast<std::uint32_t>(chunk);
-  }
-}
-
 // A zero-filled block of `length` bytes read from the connection, or null, with the bytes
 // drained, when the length is over `ceiling` or the block can't be had.
 char* ReceiveBlock(net::Socket socket, std::uint32_t length, std::uint32_t ceiling,
@@ -39,7 +28,7 @@ char* ReceiveBlock(net::Socket socket, std::uint32_t length, std::uint32_t ceili
   char* block = nullptr;
   if (length <= ceiling) block = static_cast<char*>(std::calloc(length + extra, 1));
   if (block == nullptr) {
-    Drain(socket, length);
+    DrainBytes(socket, length);
     return nullptr;
   }
   // A block that arrives short is used as far as it came, the rest zero.
@@ -106,7 +95,7 @@ Served RegisterColorTable(ConnectionRecord& record) {
   if (name != nullptr)
     data = ReceiveBlock(record.socket, dataLength, kMaxTableData, dataLength == 0);
   else
-    Drain(record.socket, dataLength);
+    DrainBytes(record.socket, dataLength);
 
   char path[260];
   char line[200];

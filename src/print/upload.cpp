@@ -16,17 +16,6 @@ namespace {
 
 constexpr std::size_t kNameField = 16;
 
-// Reads and drops `count` bytes that won't be kept, so that the next frame is found where
-// the client put it. Stops early when the peer has gone.
-void Drain(net::Socket socket, std::uint32_t count) {
-  char sink[8192];
-  while (count > 0) {
-    int chunk = count < sizeof sink ? static_cast<int>(count) : static_cast<int>(sizeof sink);
-    if (RecvAll(socket, sink, chunk) < chunk) return;
-    count -= static_cast<std::uint32_t>(chunk);
-  }
-}
-
 // A name that stays inside the spool folder: it ends within its field and holds no folder
 // separator, drive or parent step.
 bool NameStaysInFolder(const char* name) {
@@ -55,7 +44,7 @@ bool ReceiveAndStore(net::Socket socket, const char* name, std::uint32_t length)
   if (acceptable && length <= kMaxSpoolBody)
     body = static_cast<char*>(std::malloc(length > 0 ? length : 1));
   if (body == nullptr) {
-    Drain(socket, length);
+    DrainBytes(socket, length);
     return false;
   }
   const int count = static_cast<int>(length);  // at most kMaxSpoolBody

@@ -25,6 +25,15 @@ int SendAll(net::Socket socket, const void* buffer, int count) {
   return count;
 }
 
+void DrainBytes(net::Socket socket, std::uint32_t count) {
+  char sink[8192];
+  while (count > 0) {
+    int chunk = count < sizeof sink ? static_cast<int>(count) : static_cast<int>(sizeof sink);
+    if (RecvAll(socket, sink, chunk) < chunk) return;
+    count -= static_cast<std::uint32_t>(chunk);
+  }
+}
+
 std::uint32_t GetLe32(const std::uint8_t b[4]) {
   return std::uint32_t{b[0]} | std::uint32_t{b[1]} << 8 | std::uint32_t{b[2]} << 16 |
          std::uint32_t{b[3]} << 24;

@@ -29,6 +29,10 @@ int RecvAll(net::Socket socket, void* buffer, int count);
 // Writes exactly `count` bytes: returns count, 0 when a send returned 0, -1 on failure.
 int SendAll(net::Socket socket, const void* buffer, int count);
 
+// Reads and drops `count` bytes of a request that can't be kept, so that the next frame is
+// read where the client put it. Stops early when the peer has gone.
+void DrainBytes(net::Socket socket, std::uint32_t count);
+
 // Client order: little-endian when the marker arrived as 04 03 02 01, else big-endian.
 bool ClientIsLittleEndian(const ConnectionRecord& record);
 std::uint32_t GetClientU32(const ConnectionRecord& record, const std::uint8_t bytes[4]);

@@ -1,50 +1,17 @@
 #include "platform/handoff.h"
 
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/types.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
-extern char** environ;
+#include "platform/posix/child.h"
 
 namespace kvt::handoff {
 
 namespace {
-
-pid_t Start(const spawn::Call& call, int input) {
-  posix_spawn_file_actions_t actions;
-  if (posix_spawn_file_actions_init(&actions) != 0) return -1;
-  // dup2 leaves the copy on 0 without close-on-exec; every other descriptor of the server
-  // (its listeners, the other clients, the socket being passed) stays out of the program.
-  // No standard output or error, as on Windows; /dev/null keeps 1 and 2 from being reused.
-  posix_spawn_file_actions_adddup2(&actions, input, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-  posix_spawnattr_t attributes;
-  if (posix_spawnattr_init(&attributes) != 0) {
-    posix_spawn_file_actions_destroy(&actions);
-    return -1;
-  }
-  sigset_t signals;
-  sigemptyset(&signals);
-  posix_spawnattr_setsigmask(&attributes, &signals);
-  sigaddset(&signals, SIGPIPE);
-  posix_spawnattr_setsigdefault(&attributes, &signals);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  pid_t child = -1;
-  int rc = posix_spawn(&child, call.program, &actions, &attributes,
-                       const_cast<char* const*>(call.argv), environ);
-  posix_spawnattr_destroy(&attributes);
-  posix_spawn_file_actions_destroy(&actions);
-  return rc == 0 ? child : -1;
-}
 
 // The record: 372 zero bytes, the descriptor riding on the first of them. A stream socket
 // may take a record in parts; the descriptor goes with the first part only.
@@ -82,7 +49,9 @@ Outcome RunWithSocket(const spawn::Call& call, net::Socket socket) {
   int channel[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel) != 0)
     return Outcome::kNotStarted;
-  pid_t child = Start(call, channel[1]);
+  // The program's standard input is its end of the pair; every other descriptor of the
+  // server (its listeners, the other clients, the socket being passed) stays out of it.
+  pid_t child = posix::StartChild(call.program, call.argv, channel[1]);
   ::close(channel[1]);
   if (child < 0) {
     ::close(channel[0]);
@@ -90,8 +59,7 @@ Outcome RunWithSocket(const spawn::Call& call, net::Socket socket) {
   }
   bool passed = SendRecord(channel[0], static_cast<int>(socket));
   if (!passed) ::kill(child, SIGKILL);
-  while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
-  }
+  posix::WaitChild(child);
   ::close(channel[0]);
   return passed ? Outcome::kServed : Outcome::kNotPassed;
 }
