@@ -92,47 +92,38 @@ int InstallService() {
   return 0;
 }
 
-int StopService() {
+namespace {
+
+// Opens the manager and the service with `access`, runs `step` on the service, and closes
+// both on every path; `step` gives 0 or its failure's code, its message already printed.
+template <typename Step>
+int WithService(std::uint32_t access, Step step) {
   service::Handle manager = OpenManager();
   if (manager == nullptr) return Failed(kCannotOpenManager);
-  service::Handle svc = service::Open(manager, kServiceName, service::kServiceStop);
-  if (svc == nullptr) {
-    int code = Failed(kCannotOpenService);
-    service::Close(manager);
-    return code;
-  }
-  if (!service::Control(svc, service::kServiceControlStop)) {
-    int code = Failed(kCannotStop);
-    service::Close(svc);
-    service::Close(manager);
-    return code;
-  }
-  service::Close(svc);
+  service::Handle svc = service::Open(manager, kServiceName, access);
+  int code = svc == nullptr ? Failed(kCannotOpenService) : step(svc);
+  if (svc != nullptr) service::Close(svc);
   service::Close(manager);
-  return 0;
+  return code;
+}
+
+}  // namespace
+
+int StopService() {
+  return WithService(service::kServiceStop, [](service::Handle svc) {
+    return service::Control(svc, service::kServiceControlStop) ? 0 : Failed(kCannotStop);
+  });
 }
 
 int RemoveService() {
-  service::Handle manager = OpenManager();
-  if (manager == nullptr) return Failed(kCannotOpenManager);
-  service::Handle svc = service::Open(manager, kServiceName, service::kDelete);
-  if (svc == nullptr) {
-    int code = Failed(kCannotOpenService);
-    service::Close(manager);
-    return code;
-  }
-  // A running service is only marked; the platform removes it once it stops.
-  int result = 0;
-  if (!service::Delete(svc)) {
+  return WithService(service::kDelete, [](service::Handle svc) {
+    // A running service is only marked; the platform removes it once it stops.
+    if (service::Delete(svc)) return 0;
     int code = service::LastError();
-    if (code != service::kErrorServiceDoesNotExist) {  // already gone is what was asked for
-      Print(kCannotDelete, code);
-      result = code;
-    }
-  }
-  service::Close(svc);
-  service::Close(manager);
-  return result;
+    if (code == service::kErrorServiceDoesNotExist) return 0;  // already gone: as asked
+    Print(kCannotDelete, code);
+    return code;
+  });
 }
 
 // The service's own run. ServiceMain and the control handler run on the dispatcher's
