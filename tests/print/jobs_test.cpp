@@ -2,14 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
+#include <optional>
 #include <string>
 #include <thread>
 
-#include "platform/net.h"
+#include "../unit/loopback.h"
 #include "print/jobs.h"
 #include "server/inline_commands.h"
-#include "server/wire.h"
 #include "spooler_double.h"
 
 namespace kvt {
@@ -34,32 +33,20 @@ class JobsTest : public ::testing::Test {
   }
   void TearDown() override { Disconnect(); }
   void Connect() {
-    ASSERT_EQ(net::Startup(), 0);
-    const std::uint8_t loopback[4] = {127, 0, 0, 1};
-    net::Socket listener = net::OpenListener(loopback, 0, 1);
-    int error = 0;
-    client_ = net::Connect("127.0.0.1", net::LocalPort(listener), &error);
-    ASSERT_NE(client_, net::kNoSocket) << error;
-    record_ = static_cast<ConnectionRecord*>(std::calloc(1, sizeof(ConnectionRecord)));
-    record_->socket = net::Accept(listener);
-    net::Close(listener);
+    link_.emplace();
+    record_ = link_->record;
     std::copy_n("\x04\x03\x02\x01", 4, record_->byteOrderMark);
   }
   void Disconnect() {  // the connection's teardown closes its printers
-    net::Close(client_);
     net::Close(record_->socket);
     EndConnection(record_);
-  }
-  std::string Read(std::size_t count) {
-    std::string bytes(count, '\0');
-    bytes.resize(std::size_t(RecvAll(client_, bytes.data(), int(count))));
-    return bytes;
+    link_.reset();
   }
   std::vector<std::string> List() {
     std::thread server([this] { ListJobs(*record_); });  // the reply may outgrow the buffers
-    std::uint8_t length[4];
-    EXPECT_EQ(RecvAll(client_, length, 4), 4);
-    std::string body = Read(GetClientU32(*record_, length));
+    const std::string length = link_->Read(4);
+    EXPECT_EQ(length.size(), 4u);
+    std::string body = link_->Read(GetClientU32(*record_, reinterpret_cast<const std::uint8_t*>(length.data())));
     server.join();
     std::vector<std::string> records;
     for (std::size_t at = 0; at < body.size(); at += sizeof(JobRecord))
@@ -68,15 +55,16 @@ class JobsTest : public ::testing::Test {
   }
   int Cancel(std::string name) {
     name.resize(16, '\0');
-    SendAll(client_, name.data(), 16);
+    link_->Send(name);
     CancelJobOrSpoolFile(*record_);
-    return Read(1)[0];
+    return link_->Read(1)[0];
   }
-  net::Socket client_ = net::kNoSocket;
+  std::optional<testing_net::Loopback> link_;
   ConnectionRecord* record_ = nullptr;
 };
 
-TEST_F(JobsTest, StatusTableInItsOrder) {
+// The status table in its order on one printer; on another, every field of a record.
+TEST_F(JobsTest, StatusTableAndRecordFieldsBigEndian) {
   using namespace spooler;
   struct Case {
     std::uint32_t status;
@@ -96,9 +84,11 @@ TEST_F(JobsTest, StatusTableInItsOrder) {
       {kJobPrinted, {}, 14, "completed"},
       {0x100, {}, 15, "unknown status"},
   };
-  fake::Printers() = {{"P"}};
+  FakeJob named{17, kJobPrinting, {}, std::string(100, 'd'), "\\\\ws12", std::string(70, 'u')};
+  fake::Printers() = {{"P"}, {"Second", {named, {-5, 0, {}, "", "\\", ""}}}};
   for (int id = 0; id < int(std::size(cases)); ++id)
     fake::Printers()[0].jobs.push_back({id, cases[id].status, cases[id].text});
+  std::copy_n("\x01\x02\x03\x04", 4, record_->byteOrderMark);  // List() reads big-endian
   std::vector<std::string> records = List();
   std::size_t r = 0;
   for (int id = 0; id < int(std::size(cases)); ++id) {
@@ -108,18 +98,7 @@ TEST_F(JobsTest, StatusTableInItsOrder) {
     EXPECT_EQ(Field(records[r], 82, 80), cases[id].words) << id;
     EXPECT_EQ(JobName(records[r++]), "*0-" + std::to_string(id));
   }
-  EXPECT_EQ(r, records.size());
-}
-
-TEST_F(JobsTest, RecordFieldsOfTwoPrintersBigEndian) {
-  std::copy_n("\x01\x02\x03\x04", 4, record_->byteOrderMark);  // List() reads big-endian
-  FakeJob named{17,         spooler::kJobPrinting, {}, std::string(100, 'd'),
-                "\\\\ws12", std::string(70, 'u')};
-  fake::Printers() = {{"First", {{-5, 0, {}, "", "\\", ""}}}, {"Second", {named}}};
-  std::vector<std::string> records = List();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(JobName(records[0]), "*0--5");
-  EXPECT_EQ(Field(records[0], 958, 64), "");  // a machine name shorter than two characters
+  ASSERT_EQ(records.size(), r + 2);
   std::string expected(sizeof(JobRecord), '\0');
   auto put = [&](std::size_t at, const std::string& text) {
     expected.replace(at, text.size(), text);
@@ -131,7 +110,9 @@ TEST_F(JobsTest, RecordFieldsOfTwoPrintersBigEndian) {
   put(922, "*1-17");
   put(958, "WS12");
   put(1022, std::string(63, 'u'));
-  EXPECT_EQ(records[1], expected);  // every other byte is zero
+  EXPECT_EQ(records[r], expected);  // every other byte is zero
+  EXPECT_EQ(JobName(records[r + 1]), "*1--5");
+  EXPECT_EQ(Field(records[r + 1], 958, 64), "");  // a machine name shorter than two characters
 }
 
 TEST_F(JobsTest, LimitsAndFailuresOfPrinters) {

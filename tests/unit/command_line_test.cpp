@@ -30,18 +30,6 @@ TEST(CommandLine, SplitsOnBlanksAndQuotes) {
   EXPECT_EQ(Words("\"unclosed tail"), (W{"unclosed tail"}));
 }
 
-TEST(CommandLine, RefusesWhatDoesNotFitItsTables) {
-  std::string words;
-  for (int i = 0; i < 28; ++i) words += "w ";
-  EXPECT_EQ(Words(words.c_str()).size(), 28u);
-  EXPECT_EQ(Words((words + "w").c_str()), W{"<refused>"});
-
-  // "kvtnetd " takes 8 of the 399 characters.
-  std::string text(391, 'x');
-  EXPECT_EQ(Words(text.c_str()).size(), 1u);
-  EXPECT_EQ(Words((text + "x").c_str()), W{"<refused>"});
-}
-
 RunMode ModeOf(const char* arguments) {
   CommandLine line;
   EXPECT_TRUE(SplitCommandLine(arguments, line));

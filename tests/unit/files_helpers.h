@@ -22,16 +22,10 @@ struct ScratchFolder {
     std::error_code ignored;
     fs::remove_all(path, ignored);
   }
-  static std::string Name() {
-    const auto* unit = ::testing::UnitTest::GetInstance();
-    // Random: the Linux builds' test runs share the temporary folder and may overlap.
-    std::string name = "kvt-" + std::to_string(std::random_device{}()) + "-" +
-                       unit->current_test_info()->name();
-    for (char& c : name)
-      if (c == '/') c = '-';  // a parameterised test's name
-    return name;
-  }
-  const fs::path path = fs::temp_directory_path() / Name();
+  // Random: the Linux builds' test runs share the temporary folder and may overlap.
+  const fs::path path = fs::temp_directory_path() /
+                        ("kvt-" + std::to_string(std::random_device{}()) + "-" +
+                         ::testing::UnitTest::GetInstance()->current_test_info()->name());
 };
 
 inline void WriteFile(const fs::path& file, const std::string& content, unsigned seconds) {

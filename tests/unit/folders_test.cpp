@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/folders.h"
@@ -48,26 +48,20 @@ fs::path WritePointer(const std::string& product, const std::string& content) {
   return dir / product;
 }
 
+// The pointer file's first line, read afresh at every call, at most 255 characters of it.
 TEST(Folders, ProgramFolderComesFromThePointerFile) {
-  WritePointer("KvtUnitLf", "/opt/corvina\nsecond line\n");
-  EXPECT_STREQ(GetProgramFolder("KvtUnitLf"), "/opt/corvina");
-  WritePointer("KvtUnitCrLf", "C:\\Corvina\r\n");
-  EXPECT_STREQ(GetProgramFolder("KvtUnitCrLf"), "C:\\Corvina");
-  WritePointer("KvtUnitEmpty", "");
-  EXPECT_STREQ(GetProgramFolder("KvtUnitEmpty"), "");
-  WritePointer("KvtUnitLong", std::string(300, 'p') + "\n");
-  EXPECT_EQ(std::string(GetProgramFolder("KvtUnitLong")), std::string(255, 'p'));
-
-  // The pointer file is read afresh at every call.
-  fs::path changing = WritePointer("KvtUnitChange", "/first\n");
-  EXPECT_STREQ(GetProgramFolder("KvtUnitChange"), "/first");
-  WritePointer("KvtUnitChange", "/second");
-  EXPECT_STREQ(GetProgramFolder("KvtUnitChange"), "/second");
-
+  const std::pair<std::string, std::string> pointers[] = {
+      {"/opt/corvina\nsecond line\n", "/opt/corvina"}, {"C:\\Corvina\r\n", "C:\\Corvina"},
+      {"", ""}, {std::string(300, 'p') + "\n", std::string(255, 'p')}, {"/second", "/second"}};
+  fs::path pointer;
+  for (const auto& [content, folder] : pointers) {
+    pointer = WritePointer("KvtUnitPointer", content);
+    EXPECT_EQ(std::string(GetProgramFolder("KvtUnitPointer")), folder) << content;
+  }
   // Without a pointer file the answer is the pointer file's own path.
-  fs::remove(changing);
-  EXPECT_EQ(std::string(GetProgramFolder("KvtUnitChange")),
-            std::string(GetAppFolder(3)) + "/Velmora/KvtUnitChange");
+  fs::remove(pointer);
+  EXPECT_EQ(std::string(GetProgramFolder("KvtUnitPointer")),
+            std::string(GetAppFolder(3)) + "/Velmora/KvtUnitPointer");
   // A path that does not fit in a folder text is refused, not cut.
   EXPECT_STREQ(GetProgramFolder(std::string(300, 'n').c_str()), "");
 }

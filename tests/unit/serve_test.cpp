@@ -1,96 +1,139 @@
+// What the server refuses on a served loopback connection, for what the wire tests can't
+// arrange or see from outside: fields without their end, a folder in a file's place, the
+// spool path's bound, a tool that must not run, lengths that must never be allocated (the
+// sanitizer build fails on a huge allocation), records that must be released.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <string>
-#include <thread>
 
-#include "platform/net.h"
-#include "server/connection.h"
+#include "files/commands.h"
+#include "files_helpers.h"
+#include "loopback.h"
+#include "print/upload.h"
 #include "server/dispatch.h"
-#include "server/wire.h"
+#include "support/folders.h"
 
 namespace kvt {
 namespace {
 
-// A connected pair over loopback: the server end runs ServeConnection on its own thread.
-class ServeTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_EQ(net::Startup(), 0);
-    const std::uint8_t loopback[4] = {127, 0, 0, 1};
-    net::Socket listener = net::OpenListener(loopback, 0, 1);
-    ASSERT_NE(listener, net::kNoSocket);
-    int error = 0;
-    client_ = net::Connect("127.0.0.1", net::LocalPort(listener), &error);
-    ASSERT_NE(client_, net::kNoSocket) << error;
-    net::SetRecvTimeout(client_, 10000);
-    auto* record = static_cast<ConnectionRecord*>(std::calloc(1, sizeof(ConnectionRecord)));
-    record->socket = net::Accept(listener);
-    net::Close(listener);
-    ASSERT_NE(record->socket, net::kNoSocket);
-    server_ = std::thread(ServeConnection, record);
-  }
-  void TearDown() override {
-    net::Close(client_);
-    if (server_.joinable()) server_.join();
-  }
-  void Send(const std::string& bytes) {
-    ASSERT_EQ(SendAll(client_, bytes.data(), static_cast<int>(bytes.size())),
-              static_cast<int>(bytes.size()));
-  }
-  // The next byte from the server, or -1 once it has closed the connection.
-  int NextByte() {
-    unsigned char byte;
-    return net::Recv(client_, &byte, 1) == 1 ? byte : -1;
-  }
-  net::Socket client_ = net::kNoSocket;
-  std::thread server_;
-};
+using namespace testing_files;
+using testing_net::Le32;
+using testing_net::Served;
 
-TEST_F(ServeTest, IgnoredCodesAreSkippedAndCodeZeroCloses) {
-  Send(std::string("\x04\x03\x02\x01", 4));
-  EXPECT_EQ(NextByte(), 0x01);
-  for (int code : {12, 22, 24, 255}) Send(std::string("KVT") + char(code));
-  // One byte per segment is still one frame.
-  for (char c : std::string("KVT\0", 4)) Send(std::string(1, c));
-  EXPECT_EQ(NextByte(), -1);  // nothing was answered, then the connection closed
+std::string Field(std::string text, std::size_t width) {
+  text.resize(width, '\0');
+  return text;
 }
 
-TEST_F(ServeTest, WrongMagicClosesWithoutAnswer) {
-  Send(std::string("\x01\x02\x03\x04", 4));
-  EXPECT_EQ(NextByte(), 0x01);
-  Send(std::string("KV\0\x0c", 4));
-  EXPECT_EQ(NextByte(), -1);
+TEST(Serve, ShortMarkerClosesAtOnce) {
+  Served s(false);
+  s.Send("\x04\x03");
+  s.Leave();  // the thread ends: the record is released (the sanitizer build checks)
 }
 
-TEST_F(ServeTest, ShortMarkerClosesAtOnce) {
-  Send("\x04\x03");
-  net::Close(client_);
-  client_ = net::kNoSocket;
-  server_.join();  // the thread ends: the record is released (the sanitizer build checks)
-}
-
-TEST(Wire, ClientOrderFollowsTheMarker) {
-  ConnectionRecord record{};
+TEST(Serve, AnyMarkerButLittleEndianIsBigEndianAndCodesWithoutACommandHaveNoHandler) {
+  ConnectionRecord zero{};  // both orders are checked by the wire tests
   std::uint8_t bytes[4];
-  const std::uint8_t little[4] = {4, 3, 2, 1}, big[4] = {1, 2, 3, 4}, zero[4] = {};
-  for (const auto* marker : {little, big, zero}) {
-    std::copy(marker, marker + 4, record.byteOrderMark);
-    PutClientU32(record, bytes, 0x000009C0);
-    const bool le = marker == little;
-    EXPECT_EQ(ClientIsLittleEndian(record), le);
-    EXPECT_EQ(bytes[0], le ? 0xC0 : 0x00);
-    EXPECT_EQ(bytes[3], le ? 0x00 : 0xC0);
-    EXPECT_EQ(GetClientU32(record, bytes), 0x000009C0u);
-  }
-  PutLe32(bytes, 3);
-  EXPECT_EQ(bytes[0], 3);
-  EXPECT_EQ(GetLe32(bytes), 3u);
-}
-
-TEST(Wire, CodesWithoutACommandHaveNoHandler) {
+  PutClientU32(zero, bytes, 0x000009C0);
+  EXPECT_FALSE(ClientIsLittleEndian(zero));
+  EXPECT_EQ(bytes[3], 0xC0);
+  EXPECT_EQ(GetClientU32(zero, bytes), 0x000009C0u);
   for (int code = 12; code <= 22; ++code) EXPECT_EQ(HandlerFor(code), nullptr) << code;
   for (int code = 24; code <= 255; ++code) EXPECT_EQ(HandlerFor(code), nullptr) << code;
+}
+
+// Each refused like a missing file although a file of that name is there; the stream stays
+// in step.
+TEST(Serve, GamutAndConfigsRefuseFieldsWithoutTheirEndAndFolders) {
+  ScratchFolder gamut;
+  std::snprintf(GamutFolder, sizeof GamutFolder, "%s", gamut.path.string().c_str());
+  const std::string p100(100, 'P'), p80(80, 'P'), e40(40, 'E'), proofs = Field("Proofs", 100);
+  fs::create_directories(gamut.path / "Proofs" / "Dir.gamut");
+  for (const fs::path& folder : {gamut.path / p100, gamut.path / p80, gamut.path / "Proofs"}) {
+    fs::create_directories(folder);
+    WriteFile(folder / "Empty.gamut", "", 0x5F000001);
+    WriteFile(folder / (e40 + ".gamut"), "", 0x5F000001);
+    WriteFile(folder / "A.cfg", "a", 1000);
+  }
+  Served s;
+  const std::string zeros(8, '\0'), empty = Le32(0x5F000001) + Le32(0);
+  EXPECT_EQ(s.Ask("KVT\x04" + p100 + Field("Empty", 40), 8), zeros);
+  EXPECT_EQ(s.Ask("KVT\x04" + proofs + e40, 8), zeros);
+  EXPECT_EQ(s.Ask("KVT\x04" + proofs + Field("Dir", 40), 8), zeros);
+  EXPECT_EQ(s.Ask("KVT\x04" + proofs + Field("Empty", 40), 8), empty);
+  EXPECT_EQ(s.Ask("KVT\x0b" + p80, 4), Le32(0));
+  const std::string listing = Le32(1) + Field(std::string("A\0cfg", 5), 40) + Le32(1) + Le32(0);
+  EXPECT_EQ(s.Ask("KVT\x0b" + Field("Proofs", 80), listing.size()), listing);
+  GamutFolder[0] = '\0';
+}
+
+// The colour tool's stand-in, put where the server looks for the tool, records its calls in
+// $KVT_STANDIN_DIR and exits with the code in its "exit-code" file.
+TEST(Serve, ColorTableRefusalsStoreAndRunNothing) {
+  const char* records = std::getenv("KVT_STANDIN_DIR");
+  if (!records || (!std::getenv("ProgramFiles") && !std::getenv("ProgramFiles(x86)")))
+    GTEST_SKIP() << "run through ctest: needs KVT_STANDIN_DIR and ProgramFiles";
+  const fs::path args = fs::path(records) / "args",
+                 tool = fs::path(GetAppFolder(6)) / "KVT" / "ShadeProof" / "ShadeProof.exe";
+  fs::create_directories(tool.parent_path());
+  fs::copy_file(KVT_STANDIN_TOOL, tool, fs::copy_options::overwrite_existing);
+  fs::create_directories(records);
+  std::ofstream(fs::path(records) / "exit-code") << 5;
+  fs::remove(args);
+  // Unique data: other test runs may store files in the same folder.
+  const std::string data = Pattern(1000) + std::to_string(std::time(nullptr)) + GetAppFolder(0);
+  auto storedAndRemoved = [&] {
+    int count = 0;
+    for (const auto& entry : fs::directory_iterator(GetAppFolder(2)))
+      if (entry.path().extension() == ".ldf" && ReadFile(entry.path()) == data)
+        count += fs::remove(entry.path());
+    return count;
+  };
+  Served s;
+  auto add = [&](const std::string& name) {
+    return s.Ask("KVT\x17" + Le32(std::uint32_t(name.size())) + name +
+                     Le32(std::uint32_t(data.size())) + data, 4);
+  };
+  // A double quote; a name over the limit, read and dropped so that the next request is found.
+  EXPECT_EQ(add("Gl\"ossy"), Le32(0));
+  EXPECT_EQ(add(std::string(kMaxTableName + 1, 'n')), Le32(0));
+  EXPECT_FALSE(fs::exists(args));
+  EXPECT_EQ(storedAndRemoved(), 0);
+  EXPECT_EQ(add("Glossy"), Le32(5));
+  EXPECT_EQ(add("Matte"), Le32(5));
+  EXPECT_EQ(storedAndRemoved(), 2);  // two files, even within one second
+  fs::remove(args);
+  // Data over the limit: what comes is dropped until the client leaves; the tool does not run.
+  s.Send("KVT\x17" + Le32(4) + "Over" + Le32(0xFFFFFFFF) + std::string(100, 'd'));
+  s.Leave();
+  EXPECT_FALSE(fs::exists(args));
+}
+
+// Named "Bounds" for a short scratch path: the spool path holds at most 79 characters, a
+// folder of 60, "/", the name, ".spl".
+TEST(Upload, Bounds) {
+  ScratchFolder scratch;
+  const fs::path padded = scratch.path / std::string(59 - scratch.path.string().size(), 'p');
+  fs::create_directories(padded);
+  auto upload = [](const std::string& name, std::uint32_t length, const std::string& body) {
+    return "KVT\x03" + name + std::string(16 - name.size(), '\0') + Le32(length) + body;
+  };
+  const std::string refused(1, '\0');
+  Served s;
+  std::snprintf(SpoolFolder, sizeof SpoolFolder, "%s", padded.string().c_str());
+  EXPECT_EQ(s.Ask(upload("123456789012345", 3, "abc"), 1), refused);
+  EXPECT_EQ(s.Ask(upload("12345678901234", 3, "abc"), 1), "\x01");
+  EXPECT_EQ(ReadFile(padded / "12345678901234.spl"), "abc");
+  SpoolFolder[0] = '\0';  // no spool folder
+  EXPECT_EQ(s.Ask(upload("Empty", 0, ""), 1), refused);
+  std::snprintf(SpoolFolder, sizeof SpoolFolder, "%s", padded.string().c_str());
+  s.Send(upload("Huge", kMaxSpoolBody + 1, Pattern(5000)));  // dropped until the client leaves
+  s.Leave();
+  SpoolFolder[0] = '\0';
+  EXPECT_FALSE(fs::exists(padded / "Huge.spl"));
 }
 
 }  // namespace

@@ -8,10 +8,7 @@
 #include <vector>
 
 #include "files_helpers.h"
-#include "platform/net.h"
 #include "print/upload.h"
-#include "server/connection.h"
-#include "server/wire.h"
 
 namespace kvt {
 namespace {
@@ -65,56 +62,6 @@ TEST(Launch, RunProgram) {
   }
   std::sort(lines.begin(), lines.end());  // they run at the same time
   EXPECT_EQ(lines, (std::vector<std::string>{"", sixty, "\ttwo words\t"}));
-}
-
-// Uploads over loopback, served by ServeConnection, for the bounds a real server can't show:
-// the spool path's length, no spool folder, and the ceiling in the sanitizer build.
-TEST(Upload, Bounds) {
-  ScratchFolder scratch;
-  ASSERT_EQ(net::Startup(), 0);
-  const std::uint8_t loopback[4] = {127, 0, 0, 1};
-  net::Socket listener = net::OpenListener(loopback, 0, 1);
-  int error = 0;
-  net::Socket client = net::Connect("127.0.0.1", net::LocalPort(listener), &error);
-  ASSERT_NE(client, net::kNoSocket) << error;
-  net::SetRecvTimeout(client, 20000);
-  auto* record = static_cast<ConnectionRecord*>(std::calloc(1, sizeof(ConnectionRecord)));
-  record->socket = net::Accept(listener);
-  net::Close(listener);
-  std::thread server(ServeConnection, record);
-  auto send = [&](const std::string& name, std::uint32_t length, const std::string& body) {
-    const char b[4] = {char(length), char(length >> 8), char(length >> 16), char(length >> 24)};
-    std::string request =
-        "KVT\x03" + name + std::string(16 - name.size(), '\0') + std::string(b, 4) + body;
-    SendAll(client, request.data(), int(request.size()));
-  };
-  auto ask = [&](const std::string& name, const std::string& body) {
-    send(name, std::uint32_t(body.size()), body);
-    char answer = 'x';
-    RecvAll(client, &answer, 1);
-    return int(answer);
-  };
-  char ready = 0;
-  SendAll(client, "\x04\x03\x02\x01", 4);
-  ASSERT_EQ(RecvAll(client, &ready, 1), 1);
-
-  // The spool path holds at most 79 characters: a folder of 60, "/", the name, ".spl".
-  const fs::path padded = scratch.path / std::string(59 - scratch.path.string().size(), 'p');
-  fs::create_directories(padded);
-  std::snprintf(SpoolFolder, sizeof SpoolFolder, "%s", padded.string().c_str());
-  EXPECT_EQ(ask("123456789012345", "abc"), 0);
-  EXPECT_EQ(ask("12345678901234", "abc"), 1);
-  EXPECT_EQ(ReadFile(padded / "12345678901234.spl"), "abc");
-  SpoolFolder[0] = '\0';
-  EXPECT_EQ(ask("Empty", ""), 0);
-  // Over the ceiling nothing is allocated (the sanitizer build would fail): what comes is
-  // dropped until the client leaves.
-  std::snprintf(SpoolFolder, sizeof SpoolFolder, "%s", padded.string().c_str());
-  send("Huge", kMaxSpoolBody + 1, Pattern(5000));
-  net::Close(client);
-  server.join();
-  SpoolFolder[0] = '\0';
-  EXPECT_FALSE(fs::exists(padded / "Huge.spl"));
 }
 
 }  // namespace
