@@ -3,14 +3,19 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <thread>
+
+#include "platform/net.h"
 
 extern char** environ;
 
@@ -21,17 +26,8 @@ namespace {
 using namespace std::chrono_literals;
 
 fs::path MakeTempFolder() {
-  const char* tmp = std::getenv("TMPDIR");
-  std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/kvt-wire-XXXXXX";
+  std::string pattern = fs::temp_directory_path() / "kvt-wire-XXXXXX";  // in TMPDIR, else /tmp
   return ::mkdtemp(pattern.data()) ? fs::path(pattern) : fs::path();
-}
-
-fs::path WineProgram() {
-  const char* path = std::getenv("PATH");
-  std::stringstream folders(path ? path : "");
-  for (std::string folder; std::getline(folders, folder, ':');)
-    if (!folder.empty() && ::access((folder + "/wine").c_str(), X_OK) == 0) return folder + "/wine";
-  return {};
 }
 
 // The test's environment less the folders a server takes from it, plus `extra`.
@@ -54,7 +50,8 @@ std::vector<char*> Pointers(std::vector<std::string>& words) {
   return pointers;
 }
 
-// Starts argv[0] in `cwd`: stdin from /dev/null, stdout and stderr to files there.
+// Starts argv[0] (looked up in PATH) in `cwd`: stdin from /dev/null, stdout and stderr to
+// files there.
 pid_t Spawn(std::vector<std::string> argv, const fs::path& cwd, std::vector<std::string> env) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -65,9 +62,17 @@ pid_t Spawn(std::vector<std::string> argv, const fs::path& cwd, std::vector<std:
   posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   pid_t pid = -1;
   std::vector<char*> args = Pointers(argv), vars = Pointers(env);
-  if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), vars.data()) != 0) pid = -1;
+  if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), vars.data()) != 0) pid = -1;
   posix_spawn_file_actions_destroy(&actions);
   return pid;
+}
+
+bool PortListening() {
+  // A line of /proc/net/tcp(6): slot, local address:port, remote address:port, state (0A =
+  // LISTEN), ... with the numbers in hex.
+  const std::regex listening(":C90E [0-9A-F]+:0000 0A ");
+  return std::regex_search(ReadFile("/proc/net/tcp"), listening) ||
+         std::regex_search(ReadFile("/proc/net/tcp6"), listening);
 }
 
 int StatusOf(int wait) { return WIFEXITED(wait) ? WEXITSTATUS(wait) : 128 + WTERMSIG(wait); }
@@ -89,7 +94,7 @@ std::string Unavailable(Kind kind) {
   const fs::path exe = KVT_WINDOWS_SERVER;
   if (exe.empty()) return "no Windows server: the CMake variable KVT_WINDOWS_SERVER is empty";
   if (!fs::exists(exe)) return exe.string() + " does not exist: build the Windows program first";
-  if (WineProgram().empty()) return "wine is not installed";
+  if (std::system("command -v wine >/dev/null") != 0) return "wine is not installed";
   // Never fall back on the user's own prefix: ctest provides one for these tests.
   if (std::getenv("WINEPREFIX") == nullptr) return "WINEPREFIX is not set: run the test via ctest";
   return {};
@@ -101,8 +106,40 @@ client::Connection Opened(const client::Marker& marker) {
   return c;
 }
 
-void ServerSuite::SetUp() {
+void ExpectWaiting(client::Connection& c) {
+  std::uint8_t byte;
+  c.SetTimeout(300);
+  EXPECT_EQ(c.RecvBytes(&byte, 1), client::Status::kTimedOut) << c.error();
+  c.SetTimeout(client::kDefaultTimeoutMs);
+}
+
+std::string Receive(client::Connection& c, std::size_t count) {
+  std::string answer(count, '\0');
+  EXPECT_EQ(c.RecvBytes(answer.data(), count), client::Status::kOk) << c.error();
+  return answer;
+}
+
+std::string AnswerOfCutRequest(const std::string& request) {
+  int error = 0;
+  const net::Socket s = net::Connect("127.0.0.1", 51470, &error);
+  const std::string bytes = "\x04\x03\x02\x01" + request;
+  std::string answer;
+  char buffer[16];
+  if (s != net::kNoSocket && net::SetRecvTimeout(s, 20000) &&
+      net::Send(s, bytes.data(), int(bytes.size())) == int(bytes.size()) &&
+      ::shutdown(int(s), SHUT_WR) == 0)
+    for (int n; (n = net::Recv(s, buffer, sizeof buffer)) > 0;) answer.append(buffer, n);
+  if (s != net::kNoSocket) net::Close(s);
+  return answer;
+}
+
+void KindTest::SetUp() {
   if (std::string why = Unavailable(GetParam()); !why.empty()) GTEST_SKIP() << why;
+}
+
+void ServerSuite::SetUp() {
+  KindTest::SetUp();
+  if (IsSkipped()) return;
   if (server_ == nullptr && startError_.empty()) {
     server_ = std::make_unique<Server>(GetParam());
     startError_ = server_->StartListening();
@@ -134,23 +171,43 @@ bool WaitUntil(const std::function<bool()>& done, Milliseconds limit) {
   return true;
 }
 
-bool PortListening() {
-  // Columns: slot, local address:port (hex), remote address, state (0A = LISTEN), ...
-  for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
-    std::ifstream in(table);
-    std::string line, slot, local, remote, state;
-    std::getline(in, line);
-    while (in >> slot >> local >> remote >> state) {
-      if (local.ends_with(":C90E") && state == "0A") return true;
-      std::getline(in, line);
-    }
-  }
-  return false;
-}
-
 std::string ReadFile(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void SetTime(const fs::path& file, std::uint32_t mtime) {
+  using namespace std::chrono;
+  fs::last_write_time(file, file_clock::from_sys(sys_seconds{seconds{mtime}}));
+}
+
+void WriteFile(const fs::path& file, std::string_view content, std::optional<std::uint32_t> mtime) {
+  fs::create_directories(file.parent_path());
+  std::ofstream(file, std::ios::binary) << content;
+  if (mtime) SetTime(file, *mtime);
+}
+
+std::string Pattern(std::size_t count, int seed) {
+  std::string bytes(count, '\0');
+  for (std::size_t i = 0; i < count; ++i) bytes[i] = static_cast<char>(i * 7 + i / 251 + seed);
+  return bytes;
+}
+
+std::tuple<long, long, int> Holdings(pid_t pid) {
+  const fs::path proc = "/proc/" + std::to_string(pid);
+  auto count = [](const fs::path& dir) {
+    return long(std::distance(fs::directory_iterator(dir), {}));
+  };
+  int children = 0;
+  for (const auto& process : fs::directory_iterator("/proc")) {
+    if (!std::isdigit(static_cast<unsigned char>(process.path().filename().string()[0]))) continue;
+    const std::string stat = ReadFile(process.path() / "stat");
+    std::istringstream fields(stat.substr(std::min(stat.rfind(')') + 1, stat.size())));
+    std::string state;
+    pid_t parent = 0;
+    children += fields >> state >> parent && parent == pid;
+  }
+  return {count(proc / "task"), count(proc / "fd"), children};
 }
 
 Outcome RunKvtctl(const std::vector<std::string>& args, const std::vector<std::string>& env) {
@@ -159,8 +216,7 @@ Outcome RunKvtctl(const std::vector<std::string>& args, const std::vector<std::s
   argv.insert(argv.end(), args.begin(), args.end());
   Outcome run;
   if (pid_t pid = Spawn(argv, cwd, Environment(env)); pid > 0) run.status = WaitExit(pid, 30s);
-  run.out = ReadFile(cwd / "stdout");
-  run.err = ReadFile(cwd / "stderr");
+  run.out = ReadFile(cwd / "stdout"), run.err = ReadFile(cwd / "stderr");
   std::error_code ignored;
   fs::remove_all(cwd, ignored);
   return run;
@@ -221,7 +277,7 @@ std::string Server::Start(const std::vector<std::string>& args) {
     extra = {"ProgramData=" + data_.string(), "ProgramFiles=" + programs_.string(),
              "TMPDIR=" + root_.string(), "KVT_STANDIN_DIR=" + ToolRecords().string()};
   } else {
-    argv = {WineProgram(), KVT_WINDOWS_SERVER};
+    argv = {"wine", KVT_WINDOWS_SERVER};
     extra = {"KVT_STANDIN_DIR=Z:" + ToolRecords().string()};  // Wine passes it through
     if (std::getenv("WINEDEBUG") == nullptr) extra.push_back("WINEDEBUG=-all");
   }

@@ -1,16 +1,20 @@
 // The real server programs for the wire tests: the Linux kvtnetd and kvtnetd.exe under
-// Wine, each started in folders of its own on the fixed port 51470.
+// Wine, each started in folders of its own on the fixed port 51470, and what the tests of
+// both share.
 #pragma once
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
+#include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "client/client.h"
@@ -31,10 +35,17 @@ std::string Unavailable(Kind kind);
 // Polls `done` until it holds or `limit` has passed; the last answer.
 bool WaitUntil(const std::function<bool()>& done, Milliseconds limit);
 
-// Whether anything listens on TCP port 51470 of this machine.
-bool PortListening();
-
 std::string ReadFile(const fs::path& path);
+// Sets a file's modification time (seconds since 1970 UTC).
+void SetTime(const fs::path& file, std::uint32_t mtime);
+// Writes `content` (creating the folder), and sets the modification time when one is given.
+void WriteFile(const fs::path& file, std::string_view content,
+               std::optional<std::uint32_t> mtime = std::nullopt);
+// `count` bytes that seldom repeat, different for each seed.
+std::string Pattern(std::size_t count, int seed = 0);
+
+// The threads, open descriptors and child processes (zombies among them) of a Linux process.
+std::tuple<long, long, int> Holdings(pid_t pid);
 
 // A program run: exit status (128 + signal when killed) and what it printed.
 struct Outcome {
@@ -53,7 +64,6 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  Kind kind() const { return kind_; }
   pid_t pid() const { return pid_; }
   const fs::path& cwd() const { return cwd_; }  // the log goes here
   std::string Output() const { return ReadFile(cwd_ / "stdout"); }
@@ -62,8 +72,8 @@ class Server {
 
   // The server's gamut folder (Corvina/gamut below its common data folder).
   fs::path Gamut() const { return data_ / "Corvina" / "gamut"; }
-  // Where the server looks for the colour tool, and the folder in which the tool's
-  // stand-in records its calls (KVT_STANDIN_DIR in the server's environment).
+  // Where the server looks for the colour tool, and the folder in which the stand-ins
+  // record their calls (KVT_STANDIN_DIR in the server's environment).
   fs::path Tool() const { return programs_ / "KVT" / "ShadeProof" / "ShadeProof.exe"; }
   fs::path ToolRecords() const { return root_ / "standin"; }
   // Puts the stand-in of this kind's build where the server looks for the tool.
@@ -89,10 +99,23 @@ class Server {
 
 // A connection that has done the opening exchange (a failed expectation when it can't).
 client::Connection Opened(const client::Marker& marker = client::kLittleEndianMarker);
+// Nothing arrives and the connection stays open: the server waits for the next frame.
+void ExpectWaiting(client::Connection& c);
+// Exactly `count` bytes of an answer (a failed expectation when they don't come).
+std::string Receive(client::Connection& c, std::size_t count);
+// Sends the little-endian marker and `request`, then half-closes: all the server sends
+// until it closes the connection, the opening byte first.
+std::string AnswerOfCutRequest(const std::string& request);
+
+// Tests of one server kind; they skip when the kind can't run here.
+class KindTest : public ::testing::TestWithParam<Kind> {
+ protected:
+  void SetUp() override;
+};
 
 // Tests on one server per test suite, started by the suite's first test and shared by the
-// rest; they skip when the kind can't run here.
-class ServerSuite : public ::testing::TestWithParam<Kind> {
+// rest.
+class ServerSuite : public KindTest {
  protected:
   void SetUp() override;
   void TearDown() override;

@@ -2,14 +2,11 @@
 // CUPS scheduler of the test run (CUPS_SERVER): the Linux program lists and cancels its
 // jobs; Wine's winspool lists its queues but keeps jobs of its own (EnumJobsA is a stub), so
 // under Wine no spooler job is ever listed and a reference cancels nothing.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <map>
 #include <regex>
 #include <set>
@@ -24,24 +21,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using client::Connection;
-using client::JobEntry;
-
-// What the server answers, after the opening byte, to a request cut short by the client's
-// half-close, until it closes the connection.
-std::string AnswerOfHalfClosed(const std::string& request) {
-  const int s = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{AF_INET, htons(51470), {htonl(INADDR_LOOPBACK)}, {}};
-  timeval limit{20, 0};
-  ::setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  const std::string bytes = "\x04\x03\x02\x01" + request;
-  std::string answer;
-  if (::connect(s, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-      ::send(s, bytes.data(), bytes.size(), MSG_NOSIGNAL) == ssize_t(bytes.size()) &&
-      ::shutdown(s, SHUT_WR) == 0)
-    for (char c; ::recv(s, &c, 1, 0) == 1;) answer += c;
-  ::close(s);
-  return answer.substr(answer.empty() ? 0 : 1);
-}
 
 std::vector<std::string> Records(Connection& c) {
   std::string error;
@@ -64,18 +43,8 @@ std::string Shell(const std::string& command) {
 }
 
 // Each test starts its own server: with the test run's scheduler, or with none at all.
-class PrintTest : public ::testing::TestWithParam<Kind> {
+class PrintTest : public KindTest {
  protected:
-  void SetUp() override {
-    if (std::string why = Unavailable(GetParam()); !why.empty()) GTEST_SKIP() << why;
-    const char* socket = std::getenv("CUPS_SERVER");
-    cups_ = socket ? socket : "";
-  }
-  void TearDown() override {
-    if (server_) {
-      EXPECT_EQ(server_->Stop(), "");
-    }
-  }
   // Why the scheduler can't be used; empty when it can.
   std::string CupsUnavailable() const {
     if (cups_.empty()) return "CUPS_SERVER is not set: run the test through ctest";
@@ -95,12 +64,13 @@ class PrintTest : public ::testing::TestWithParam<Kind> {
   std::string ServerPath(const fs::path& path) const {
     return (GetParam() == Kind::kWine ? "Z:" : "") + path.string();
   }
-  std::string cups_;
-  std::unique_ptr<Server> server_;
+  const std::string cups_ = std::getenv("CUPS_SERVER") ? std::getenv("CUPS_SERVER") : "";
+  std::unique_ptr<Server> server_;  // stopped with the test
 };
 
-TEST_P(PrintTest, SpoolHeadersInNameOrder) {
+TEST_P(PrintTest, SpoolHeadersInNameOrderAndInlineCommands) {
   Start(false);
+  const fs::path spool = Corvina() / "spool";
   Connection c = Opened();
   EXPECT_EQ(Records(c).size(), 0u);  // no printers, no spool files: the length 0 alone
 
@@ -113,11 +83,10 @@ TEST_P(PrintTest, SpoolHeadersInNameOrder) {
     header.replace(958, machine.size(), machine);
     char name[16];
     std::snprintf(name, sizeof name, i % 3 ? "job%03d.spl" : "JOB%03d.spl", i);
-    std::ofstream(Corvina() / "spool" / name, std::ios::binary)
-        << (i == 5 ? header.substr(0, 1000) : header);
+    WriteFile(spool / name, i == 5 ? header.substr(0, 1000) : header);
     headers.push_back(header);
   }
-  fs::create_directories(Corvina() / "spool" / "folder.spl");
+  fs::create_directories(spool / "folder.spl");
   std::vector<std::string> records = Records(c);
   ASSERT_EQ(records.size(), 255u);
   for (int i = 0, r = 0; i < 256; ++i) {
@@ -126,13 +95,70 @@ TEST_P(PrintTest, SpoolHeadersInNameOrder) {
     expected.replace(958, 7, "WS-" + std::to_string(1000 + i));  // "z" after the NUL stays
     EXPECT_TRUE(records[r++] == expected) << "header " << i;
   }
+
+  // The stored lists, with the length in client order; a first byte 0 still brings the
+  // length and the rest.
+  WriteFile(Corvina() / "PrinterList", "A123456789");
+  WriteFile(Corvina() / "ScannerList", std::string("\0xy", 3));
+  for (const client::Marker& marker : {client::kLittleEndianMarker, client::kBigEndianMarker}) {
+    Connection own = Opened(marker);
+    const bool little = marker[0] == 4;
+    ASSERT_TRUE(own.SendFrame(client::kCmdGetPrinterList)) << own.error();
+    EXPECT_EQ(Receive(own, 14),
+              std::string(little ? "A\x09\0\0\0" : "A\0\0\0\x09", 5) + "123456789");
+    ASSERT_TRUE(own.SendFrame(client::kCmdGetScannerList)) << own.error();
+    EXPECT_EQ(Receive(own, 7), std::string(little ? "\0\x02\0\0\0xy" : "\0\0\0\0\x02xy", 7));
+  }
+  std::string error;
+  WriteFile(Corvina() / "ScannerList", "A");  // nothing after the first
+  EXPECT_EQ(client::GetStoredList(c, client::StoredList::kScanners, &error), "") << error;
+
+  // Names from concurrent connections never repeat.
+  std::vector<std::string> names[8];
+  std::vector<std::thread> threads;
+  for (auto& list : names)
+    threads.emplace_back([&list] {
+      for (Connection own = Opened(); list.size() < 25;)
+        list.push_back(client::FreshJobName(own).value_or(""));
+    });
+  std::set<std::string> unique;
+  for (int i = 0; i < 8; ++i) {
+    threads[i].join();
+    for (const std::string& name : names[i])
+      if (std::regex_match(name, std::regex("[0-9]{15}"))) unique.insert(name);
+  }
+  EXPECT_EQ(unique.size(), 200u);
+
+  // A spool file cancelled by name, a file deleted: 1, then 0 once it is gone.
+  WriteFile(spool / "Abc.spl", "x");
+  WriteFile(Corvina() / "victim", "x");
+  const std::string victim = ServerPath(Corvina() / "victim");
+  // Cancel (else delete), the name, the answer: "*0-1" with no printer table; a folder.
+  const std::tuple<bool, std::string, int> steps[] = {
+      {true, "Abc", 1}, {true, "Abc", 0}, {true, "*0-1", 0},
+      {false, ServerPath(spool), 0}, {false, victim, 1}, {false, victim, 0}};
+  for (const auto& [cancel, name, expected] : steps) {
+    auto byte = cancel ? client::CancelJobOrSpoolFile(c, name) : client::DeleteServerFile(c, name);
+    EXPECT_EQ(byte, std::optional<std::uint8_t>(expected)) << name;
+  }
+  EXPECT_TRUE(!fs::exists(spool / "Abc.spl") && fs::exists(spool));
+
+  // Requests cut short delete nothing and answer 0; a short quit answers nothing.
+  WriteFile(spool / "ab.spl", "x");
+  WriteFile(Corvina() / "ab", "x");
+  EXPECT_EQ(AnswerOfCutRequest("KVT\x06" + std::string("ab\0", 3)), std::string("\x01\0", 2));
+  EXPECT_EQ(AnswerOfCutRequest("KVT\x07" + ServerPath(Corvina() / "ab") + '\0'),
+            std::string("\x01\0", 2));
+  EXPECT_EQ(AnswerOfCutRequest("KVT\x09" + std::string(100, 'q')), "\x01");
+  EXPECT_TRUE(fs::exists(spool / "ab.spl") && fs::exists(Corvina() / "ab"));
+  EXPECT_TRUE(client::Quit(c, "first", "second")) << c.error();
 }
 
 TEST_P(PrintTest, HeldCupsJobsAreListedAndCancelled) {
   if (std::string why = CupsUnavailable(); !why.empty()) GTEST_SKIP() << why;
   Shell("cancel -a KvtProofA KvtProofB");
   const fs::path document = fs::temp_directory_path() / "kvt-print-document.txt";
-  std::ofstream(document) << "nothing to print\n";
+  WriteFile(document, "nothing to print\n");
   std::map<std::string, std::string> ids;  // title -> job id
   for (std::string title : {"Proof A1", "Proof A2", "Proof B1"}) {
     const std::string queue = title[6] == 'A' ? "KvtProofA" : "KvtProofB";
@@ -142,14 +168,13 @@ TEST_P(PrintTest, HeldCupsJobsAreListedAndCancelled) {
     ids[title] = id[1];
   }
   Start(true);
-  const fs::path descriptors = "/proc/" + std::to_string(server_->pid()) + "/fd";
-  auto open = [&] { return std::distance(fs::directory_iterator(descriptors), {}); };
-  const auto baseline = open();
+  auto descriptors = [&] { return std::get<1>(Holdings(server_->pid())); };
+  const auto baseline = descriptors();
   Connection c = Opened();
   auto listed = [&](Connection& connection) {
     std::vector<std::string> jobs;
     for (const std::string& record : Records(connection)) {
-      JobEntry j = client::ParseJobRecord(record);
+      client::JobEntry j = client::ParseJobRecord(record);
       jobs.push_back(j.printerName + " " + j.jobName + " " + j.document + " " + j.userName + " " +
                      j.machineName + " " + std::to_string(j.statusCode) + " " + j.statusText);
     }
@@ -188,72 +213,11 @@ TEST_P(PrintTest, HeldCupsJobsAreListedAndCancelled) {
     run = RunKvtctl({"cancel", "*1-" + ids["Proof B1"]});
     EXPECT_EQ(run.out, "*1-" + ids["Proof B1"] + ": answer 0; the job is no longer listed\n");
     again.Close();  // each connection's line to the scheduler goes with its thread
-    EXPECT_TRUE(WaitUntil([&] { return open() == baseline; }, 10s)) << open() << " descriptors";
+    EXPECT_TRUE(WaitUntil([&] { return descriptors() == baseline; }, 10s))
+        << descriptors() << " descriptors";
   }
   Shell("cancel -a KvtProofA KvtProofB");
   fs::remove(document);
-}
-
-TEST_P(PrintTest, InlineCommands) {
-  Start(false);
-  const fs::path spool = Corvina() / "spool";
-  std::ofstream(Corvina() / "PrinterList", std::ios::binary) << "A123456789";
-  std::ofstream(Corvina() / "ScannerList", std::ios::binary) << std::string("\0xy", 3);
-  for (const client::Marker& marker : {client::kLittleEndianMarker, client::kBigEndianMarker}) {
-    Connection c = Opened(marker);
-    std::string list(14, '\0');
-    ASSERT_TRUE(c.SendFrame(client::kCmdGetPrinterList)) << c.error();
-    ASSERT_EQ(c.RecvBytes(list.data(), list.size()), client::Status::kOk) << c.error();
-    const bool little = marker[0] == 4;
-    EXPECT_EQ(list, std::string(little ? "A\x09\0\0\0" : "A\0\0\0\x09", 5) + "123456789");
-    // A first byte 0 still brings the length and the rest.
-    ASSERT_TRUE(c.SendFrame(client::kCmdGetScannerList)) << c.error();
-    ASSERT_EQ(c.RecvBytes(list.data(), 7), client::Status::kOk) << c.error();
-    EXPECT_EQ(list.substr(0, 7), std::string(little ? "\0\x02\0\0\0xy" : "\0\0\0\0\x02xy", 7));
-  }
-  Connection c = Opened();
-  std::string error;
-  std::ofstream(Corvina() / "ScannerList", std::ios::binary) << "A";  // nothing after the first
-  EXPECT_EQ(client::GetStoredList(c, client::StoredList::kScanners, &error), "") << error;
-
-  // Names from concurrent connections never repeat.
-  std::vector<std::string> names[8];
-  std::vector<std::thread> threads;
-  for (auto& list : names)
-    threads.emplace_back([&list] {
-      for (Connection own = Opened(); list.size() < 25;)
-        list.push_back(client::FreshJobName(own).value_or(""));
-    });
-  std::set<std::string> unique;
-  for (int i = 0; i < 8; ++i) {
-    threads[i].join();
-    for (const std::string& name : names[i])
-      if (std::regex_match(name, std::regex("[0-9]{15}"))) unique.insert(name);
-  }
-  EXPECT_EQ(unique.size(), 200u);
-
-  std::ofstream(spool / "Abc.spl") << "x";
-  std::ofstream(Corvina() / "victim") << "x";
-  auto answer = [](std::optional<std::uint8_t> byte) { return int(byte.value_or(9)); };
-  EXPECT_EQ(answer(client::CancelJobOrSpoolFile(c, "Abc")), 1);
-  EXPECT_FALSE(fs::exists(spool / "Abc.spl"));
-  EXPECT_EQ(answer(client::CancelJobOrSpoolFile(c, "Abc")), 0);
-  EXPECT_EQ(answer(client::CancelJobOrSpoolFile(c, "*0-1")), 0);  // no printer table
-  const std::string victim = ServerPath(Corvina() / "victim");
-  EXPECT_EQ(answer(client::DeleteServerFile(c, ServerPath(spool))), 0);  // a folder
-  EXPECT_EQ(answer(client::DeleteServerFile(c, victim)), 1);
-  EXPECT_EQ(answer(client::DeleteServerFile(c, victim)), 0);
-  EXPECT_TRUE(fs::exists(spool));
-
-  // Requests cut short delete nothing and answer 0; a short quit answers nothing.
-  std::ofstream(spool / "ab.spl") << "x";
-  std::ofstream(Corvina() / "ab") << "x";
-  EXPECT_EQ(AnswerOfHalfClosed("KVT\x06" + std::string("ab\0", 3)), std::string(1, '\0'));
-  EXPECT_EQ(AnswerOfHalfClosed("KVT\x07" + ServerPath(Corvina() / "ab") + '\0'),
-            std::string(1, '\0'));
-  EXPECT_EQ(AnswerOfHalfClosed("KVT\x09" + std::string(100, 'q')), "");
-  EXPECT_TRUE(fs::exists(spool / "ab.spl") && fs::exists(Corvina() / "ab"));
-  EXPECT_TRUE(client::Quit(c, "first", "second")) << c.error();
 }
 
 INSTANTIATE_TEST_SUITE_P(Linux, PrintTest, ::testing::Values(Kind::kLinux));

@@ -8,6 +8,7 @@
 #include <regex>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "client/client.h"
 #include "harness.h"
@@ -18,24 +19,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using client::Connection;
-using client::Status;
 
 constexpr client::Marker kZeroMarker{0, 0, 0, 0};
-
-// Nothing arrives and the connection stays open: the server waits for the next frame.
-void ExpectWaiting(Connection& c) {
-  std::uint8_t byte;
-  c.SetTimeout(300);
-  EXPECT_EQ(c.RecvBytes(&byte, 1), Status::kTimedOut) << c.error();
-  c.SetTimeout(client::kDefaultTimeoutMs);
-}
-
-void SendSlowly(Connection& c, std::string_view bytes) {
-  for (char byte : bytes) {
-    ASSERT_TRUE(c.SendBytes(&byte, 1)) << c.error();
-    std::this_thread::sleep_for(2ms);  // one segment per byte (the client sends with no delay)
-  }
-}
 
 class WireTest : public ServerSuite {};
 
@@ -64,30 +49,29 @@ TEST_P(WireTest, WrongMagicClosesWithoutAnswer) {
 TEST_P(WireTest, MarkerAndFramesOneBytePerSegment) {
   Connection c;
   ASSERT_TRUE(c.Connect("127.0.0.1")) << c.error();
-  SendSlowly(c, "\x04\x03\x02\x01");
+  auto sendSlowly = [&](std::string_view bytes) {
+    for (char byte : bytes) {
+      ASSERT_TRUE(c.SendBytes(&byte, 1)) << c.error();
+      std::this_thread::sleep_for(2ms);  // one segment per byte (the client sends with no delay)
+    }
+  };
+  sendSlowly("\x04\x03\x02\x01");
   EXPECT_EQ(c.RecvByte(), std::optional<std::uint8_t>(1)) << c.error();
-  SendSlowly(c, "KVT\x0c");
+  sendSlowly("KVT\x0c");
   ExpectWaiting(c);
-  SendSlowly(c, std::string_view("KVT\0", 4));
+  sendSlowly(std::string_view("KVT\0", 4));
   EXPECT_TRUE(c.ExpectEnd()) << c.error();
 }
 
-TEST_P(WireTest, ClientsLeavingEarlyDoNotDisturbTheServer) {
-  const std::string_view partial[] = {"", "\x04\x03", "\x04\x03\x02\x01", "\x04\x03\x02\x01KV",
-                                      "\x04\x03\x02\x01KVT\x0c"};
-  for (std::string_view bytes : partial) {
+TEST_P(WireTest, EarlyLeaversThenSixtyFourConcurrentConnections) {
+  // Clients that leave without a word, part-way through the marker or between frames.
+  for (std::string_view bytes :
+       {"", "\x04\x03", "\x04\x03\x02\x01", "\x04\x03\x02\x01KV", "\x04\x03\x02\x01KVT\x0c"}) {
     Connection c;
-    ASSERT_TRUE(c.Connect("127.0.0.1")) << c.error();
-    ASSERT_TRUE(c.SendBytes(bytes.data(), bytes.size())) << c.error();
-  }  // closed here, without a word
-  Connection c = Opened();
-  ASSERT_TRUE(c.SendFrame(12)) << c.error();
-  ExpectWaiting(c);
-  EXPECT_TRUE(c.SendClose()) << c.error();
-}
-
-TEST_P(WireTest, SixtyFourConcurrentConnectionsAreServed) {
-  // Each answer comes while all the earlier connections are still open.
+    ASSERT_TRUE(c.Connect("127.0.0.1") && c.SendBytes(bytes.data(), bytes.size())) << c.error();
+  }
+  // Then each answer comes while all the earlier connections are still open; code 12 brings
+  // nothing (the close would see it).
   std::vector<Connection> clients(64);
   for (Connection& c : clients) ASSERT_TRUE(c.Connect("127.0.0.1") && c.Open()) << c.error();
   for (Connection& c : clients) ASSERT_TRUE(c.SendFrame(12)) << c.error();
@@ -95,15 +79,17 @@ TEST_P(WireTest, SixtyFourConcurrentConnectionsAreServed) {
 }
 
 TEST_P(WireTest, KvtctlPing) {
-  Outcome run = RunKvtctl({"ping"});
-  EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.out, "KVTnetd at 127.0.0.1:51470 answered (little-endian)\n");
-  run = RunKvtctl({"--big-endian", "ping"});
-  EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.out, "KVTnetd at 127.0.0.1:51470 answered (big-endian)\n");
-  run = RunKvtctl({"--port", "1", "ping"});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(run.err, "kvtctl: cannot connect to 127.0.0.1:1: Connection refused\n");
+  const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
+      {{"ping"}, 0, "KVTnetd at 127.0.0.1:51470 answered (little-endian)\n", ""},
+      {{"--big-endian", "ping"}, 0, "KVTnetd at 127.0.0.1:51470 answered (big-endian)\n", ""},
+      {{"--port", "1", "ping"}, 1, "",
+       "kvtctl: cannot connect to 127.0.0.1:1: Connection refused\n"}};
+  for (const auto& [args, status, out, err] : cases) {
+    const Outcome run = RunKvtctl(args);
+    EXPECT_EQ(run.status, status);
+    EXPECT_EQ(run.out, out);
+    EXPECT_EQ(run.err, err);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Linux, WireTest, ::testing::Values(Kind::kLinux));
@@ -113,71 +99,57 @@ INSTANTIATE_TEST_SUITE_P(Wine, WireTest, ::testing::Values(Kind::kWine));
 class LinuxWireTest : public WireTest {};
 
 TEST_P(LinuxWireTest, ThreadsAndDescriptorsReturnToBaseline) {
-  const std::string proc = "/proc/" + std::to_string(server_->pid());
-  auto counts = [&] {
-    auto entries = [](const std::string& dir) {
-      auto range = fs::directory_iterator(dir);
-      return std::distance(fs::begin(range), fs::end(range));
-    };
-    return std::pair{entries(proc + "/task"), entries(proc + "/fd")};
-  };
-  const auto baseline = counts();
+  const auto baseline = Holdings(server_->pid());
   {
     std::vector<Connection> clients(50);
-    for (std::size_t i = 0; i < clients.size(); ++i) {
-      ASSERT_TRUE(clients[i].Connect("127.0.0.1")) << clients[i].error();
-      if (i % 2 == 0) {
-        ASSERT_TRUE(clients[i].Open()) << clients[i].error();
-      }
-    }
+    for (std::size_t i = 0; i < clients.size(); ++i)  // every other one opened
+      ASSERT_TRUE(clients[i].Connect("127.0.0.1") && (i % 2 || clients[i].Open()))
+          << clients[i].error();
     for (std::size_t i = 0; i < clients.size(); i += 4)
       EXPECT_TRUE(clients[i].SendClose()) << clients[i].error();
   }  // the others leave without a word
-  EXPECT_TRUE(WaitUntil([&] { return counts() == baseline; }, 10s))
-      << "threads/descriptors " << counts().first << "/" << counts().second << ", at first "
-      << baseline.first << "/" << baseline.second;
+  EXPECT_TRUE(WaitUntil([&] { return Holdings(server_->pid()) == baseline; }, 10s))
+      << "threads, descriptors, children " << ::testing::PrintToString(Holdings(server_->pid()))
+      << ", at first " << ::testing::PrintToString(baseline);
 }
 
 INSTANTIATE_TEST_SUITE_P(Linux, LinuxWireTest, ::testing::Values(Kind::kLinux));
 
 // Tests that run the server program themselves.
-class OwnServerTest : public ::testing::TestWithParam<Kind> {
- protected:
-  void SetUp() override {
-    if (std::string why = Unavailable(GetParam()); !why.empty()) GTEST_SKIP() << why;
+class OwnServerTest : public KindTest {};
+
+// The debug log in the server's working folder: its text, or empty when there is none yet.
+std::string LogText(const Server& server) {
+  for (const auto& entry : fs::directory_iterator(server.cwd()))
+    if (std::regex_match(entry.path().filename().string(), std::regex("KVTnetd-S[0-9]{12}")))
+      return ReadFile(entry.path());
+  return {};
+}
+
+// The log's entries, without the empty lines between them.
+std::vector<std::string> LogEntries(const Server& server) {
+  std::vector<std::string> entries;
+  std::istringstream in(LogText(server));
+  for (std::string line; std::getline(in, line);) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (!line.empty()) entries.push_back(line);
   }
-  // The debug log in the server's working folder: its text, or empty when there is none yet.
-  static std::string LogText(const Server& server) {
-    for (const auto& entry : fs::directory_iterator(server.cwd()))
-      if (std::regex_match(entry.path().filename().string(), std::regex("KVTnetd-S[0-9]{12}")))
-        return ReadFile(entry.path());
-    return {};
-  }
-  // The log's entries, without the empty lines between them.
-  static std::vector<std::string> LogEntries(const Server& server) {
-    std::vector<std::string> entries;
-    std::istringstream in(LogText(server));
-    for (std::string line; std::getline(in, line);) {
-      if (!line.empty() && line.back() == '\r') line.pop_back();
-      if (!line.empty()) entries.push_back(line);
-    }
-    return entries;
-  }
-  static bool WaitForEntries(const Server& server, std::size_t count) {
-    return WaitUntil([&] { return LogEntries(server).size() >= count; }, server.Patience());
-  }
-};
+  return entries;
+}
 
 TEST_P(OwnServerTest, DebugLog) {
   Server server(GetParam());
   ASSERT_EQ(server.StartListening({"-debug"}), "");
+  auto waitForEntries = [&](std::size_t count) {
+    return WaitUntil([&] { return LogEntries(server).size() >= count; }, server.Patience());
+  };
   {
     Connection c;
     ASSERT_TRUE(c.Connect("127.0.0.1")) << c.error();
     // The listener's next "Listening..." races the connection's first line; let it win.
-    ASSERT_TRUE(WaitForEntries(server, 3));
+    ASSERT_TRUE(waitForEntries(3));
     ASSERT_TRUE(c.Open() && c.SendFrame(12) && c.SendClose()) << c.error();
-    ASSERT_TRUE(WaitForEntries(server, 8)) << LogText(server);
+    ASSERT_TRUE(waitForEntries(8)) << LogText(server);
   }
   const char* lines[] = {
       "Listening...",         "Socket ID",          "Listening...",        "Waiting command...",
@@ -196,19 +168,17 @@ TEST_P(OwnServerTest, DebugLog) {
       ASSERT_EQ(c.RecvByte(), std::optional<std::uint8_t>(1)) << c.error();
     }
     c.Close();
-    ASSERT_TRUE(WaitForEntries(server, before + (bytes.empty() ? 3 : 5))) << LogText(server);
+    ASSERT_TRUE(waitForEntries(before + (bytes.empty() ? 3 : 5))) << LogText(server);
   }
   // The connections' own lines, in order; the listener's may fall anywhere between them.
-  std::vector<std::string> own;
+  std::vector<std::string> own, expected;
   for (const std::string& entry : LogEntries(server))
     if (entry != "KVTnetd: Listening..." && entry != "KVTnetd: Socket ID") own.push_back(entry);
-  const std::vector<std::string> expected = {
-      "KVTnetd: Waiting command...",    "KVTnetd: Got command code: 12",
-      "KVTnetd: Waiting command...",    "KVTnetd: Got command code: 0",
-      "KVTnetd: Closing connection...", "KVTnetd: Closing connection...",
-      "KVTnetd: Waiting command...",    "KVTnetd: Receive error",
-      "KVTnetd: Closing connection...", "KVTnetd: Waiting command...",
-      "KVTnetd: Invalid command",       "KVTnetd: Closing connection..."};
+  for (const char* line :
+       {"Waiting command...", "Got command code: 12", "Waiting command...", "Got command code: 0",
+        "Closing connection...", "Closing connection...", "Waiting command...", "Receive error",
+        "Closing connection...", "Waiting command...", "Invalid command", "Closing connection..."})
+    expected.push_back(std::string("KVTnetd: ") + line);
   EXPECT_EQ(own, expected);
   if (GetParam() == Kind::kLinux) {  // the console (standard error) has the same lines
     std::string console;
@@ -224,14 +194,9 @@ TEST_P(OwnServerTest, RunModesByExitStatus) {
   // "kvtnetd " and the arguments: 399 characters fit, 400 do not; nor do 29 words. The
   // service commands (-s, -c, -k, -d) have tests of their own.
   const std::vector<std::pair<std::vector<std::string>, int>> cases = {
-      {{"-S"}, 0},
-      {{"-debugx"}, 0},
-      {words(28), 0},
-      {words(29), 87},
-      {{std::string(391, 'x')}, 0},
-      {{std::string(392, 'x')}, 87},
-      {{"-debug", std::string(400, 'x')}, 87},  // too long wins over the debug server
-  };
+      {{"-S"}, 0}, {{"-debugx"}, 0}, {words(28), 0}, {words(29), 87},
+      {{std::string(391, 'x')}, 0}, {{std::string(392, 'x')}, 87},
+      {{"-debug", std::string(400, 'x')}, 87}};  // too long wins over the debug server
   for (const auto& [args, expected] : cases) {
     SCOPED_TRACE(args[0].substr(0, 10) + " (" + std::to_string(args.size()) + " words)");
     ASSERT_EQ(server.Start(args), "");
