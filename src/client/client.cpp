@@ -237,7 +237,7 @@ bool Connection::ExpectEnd() {
 }
 
 bool Connection::SendClose() {
-  bool ended = SendFrame(kCmdClose) && ExpectEnd();
+  bool ended = SendFrame(CMD_CLOSE) && ExpectEnd();
   Close();
   return ended;
 }
@@ -249,7 +249,7 @@ std::optional<GamutInfo> Connection::GetGamut(std::string_view folder, std::stri
     Fail(Status::kFailed, "a gamut folder name has at most 99 characters, a file name 39");
     return std::nullopt;
   }
-  if (!SendFrame(kCmdGetGamut) || !SendText(folder, 100) || !SendText(base, 40))
+  if (!SendFrame(CMD_GET_GAMUT) || !SendText(folder, 100) || !SendText(base, 40))
     return std::nullopt;
   GamutInfo info;
   std::optional<std::uint32_t> mtime = RecvU32(), size;  // the time comes first
@@ -275,7 +275,7 @@ std::optional<std::vector<ConfigRecord>> Connection::ListConfigs(std::string_vie
     Fail(Status::kFailed, "a configuration folder name has at most 79 characters");
     return std::nullopt;
   }
-  if (!SendFrame(kCmdListConfigs) || !SendText(folder, 80)) return std::nullopt;
+  if (!SendFrame(CMD_LIST_CONFIGS) || !SendText(folder, 80)) return std::nullopt;
   std::optional<std::uint32_t> count = RecvU32();
   if (!count) return std::nullopt;
   // Grown record by record: a bad count runs into the time-out, not into a huge block.
@@ -298,7 +298,7 @@ std::optional<std::uint32_t> Connection::RegisterColorTable(std::string_view nam
     return std::nullopt;
   }
   // The lengths and the result are little-endian whatever the client order.
-  if (!SendFrame(kCmdRegisterColorTable) || !SendLe32(static_cast<std::uint32_t>(name.size())) ||
+  if (!SendFrame(CMD_REGISTER_COLOR_TABLE) || !SendLe32(static_cast<std::uint32_t>(name.size())) ||
       !SendBytes(name.data(), name.size()) ||
       !SendLe32(static_cast<std::uint32_t>(data.size())) || !SendBytes(data.data(), data.size()))
     return std::nullopt;

@@ -18,28 +18,12 @@
 #include <vector>
 
 #include "platform/net.h"
+#include "server/protocol.h"
 
 namespace kvt::client {
 
-inline constexpr std::uint16_t kDefaultPort = 51470;
+inline constexpr std::uint16_t kDefaultPort = kServerPort;
 inline constexpr int kDefaultTimeoutMs = 10000;
-
-// The command codes a frame carries.
-enum Command : std::uint8_t {
-  kCmdClose = 0,
-  kCmdListJobs = 1,
-  kCmdGetPrinterList = 2,
-  kCmdUploadSpool = 3,
-  kCmdGetGamut = 4,
-  kCmdNewJobName = 5,
-  kCmdCancelJob = 6,
-  kCmdDeleteFile = 7,
-  kCmdPrintHandoff = 8,
-  kCmdQuit = 9,
-  kCmdGetScannerList = 10,
-  kCmdListConfigs = 11,
-  kCmdRegisterColorTable = 23,
-};
 
 // The opening marker: 0x01020304 in the client's byte order. The server takes 04 03 02 01
 // as little-endian and any other four bytes as big-endian.

@@ -35,7 +35,7 @@ JobEntry ParseJobRecord(std::string_view record) {
 
 std::optional<std::string> ListJobRecords(Connection& connection, std::string* error) {
   std::optional<std::uint32_t> length;
-  if (!connection.SendFrame(kCmdListJobs) || !(length = connection.RecvU32())) {
+  if (!connection.SendFrame(CMD_LIST_JOBS) || !(length = connection.RecvU32())) {
     *error = connection.error();
     return std::nullopt;
   }
@@ -54,11 +54,12 @@ std::optional<std::string> ListJobRecords(Connection& connection, std::string* e
 }
 
 std::optional<std::uint8_t> CancelJobOrSpoolFile(Connection& connection, std::string_view name) {
-  return Result(connection, connection.SendFrame(kCmdCancelJob) && connection.SendText(name, 16));
+  return Result(connection, connection.SendFrame(CMD_CANCEL_JOB) && connection.SendText(name, 16));
 }
 
 std::optional<std::uint8_t> DeleteServerFile(Connection& connection, std::string_view path) {
-  return Result(connection, connection.SendFrame(kCmdDeleteFile) && connection.SendText(path, 512));
+  return Result(connection,
+                connection.SendFrame(CMD_DELETE_FILE) && connection.SendText(path, 512));
 }
 
 std::optional<std::string> GetStoredList(Connection& connection, StoredList list,
@@ -68,8 +69,8 @@ std::optional<std::string> GetStoredList(Connection& connection, StoredList list
     return std::nullopt;
   };
   std::optional<std::uint8_t> first;
-  if (!connection.SendFrame(list == StoredList::kPrinters ? kCmdGetPrinterList
-                                                          : kCmdGetScannerList) ||
+  if (!connection.SendFrame(list == StoredList::kPrinters ? CMD_GET_PRINTER_LIST
+                                                          : CMD_GET_SCANNER_LIST) ||
       !(first = connection.RecvByte()))
     return failed();
   if (*first == 0) return std::string();
@@ -86,7 +87,7 @@ std::optional<std::string> GetStoredList(Connection& connection, StoredList list
 }
 
 bool Quit(Connection& connection, std::string_view first, std::string_view second) {
-  bool ended = connection.SendFrame(kCmdQuit) && connection.SendText(first, 80) &&
+  bool ended = connection.SendFrame(CMD_QUIT) && connection.SendText(first, 80) &&
                connection.SendText(second, 80) && connection.ExpectEnd();
   connection.Close();
   return ended;

@@ -6,7 +6,7 @@
 namespace kvt::client {
 
 std::optional<std::string> FreshJobName(Connection& connection) {
-  if (!connection.SendFrame(kCmdNewJobName)) return std::nullopt;
+  if (!connection.SendFrame(CMD_NEW_JOB_NAME)) return std::nullopt;
   return connection.RecvText(kSpoolNameField);
 }
 
@@ -17,7 +17,7 @@ std::optional<bool> UploadSpool(Connection& connection, std::string_view name, s
     *error = std::move(text);
     return std::nullopt;
   };
-  if (!connection.SendFrame(kCmdUploadSpool) || !connection.SendText(name, kSpoolNameField) ||
+  if (!connection.SendFrame(CMD_UPLOAD_SPOOL) || !connection.SendText(name, kSpoolNameField) ||
       !connection.SendU32(length))
     return failed(connection.error());
   std::vector<char> piece(std::min<std::size_t>(length, 1 << 16));

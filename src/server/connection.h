@@ -4,10 +4,10 @@
 
 #include "platform/net.h"
 #include "platform/spooler.h"
+#include "server/protocol.h"
 
 namespace kvt {
 
-inline constexpr std::uint16_t kServerPort = 51470;
 inline constexpr const char* kLogTag = "KVTnetd";
 
 // "<common app data>/Corvina/spool" and ".../gamut", set once by RunListener before any

@@ -3,24 +3,9 @@
 #include <cstdint>
 
 #include "server/connection.h"
+#include "server/protocol.h"
 
 namespace kvt {
-
-enum CommandCode : std::uint8_t {
-  CMD_CLOSE = 0,
-  CMD_LIST_JOBS = 1,
-  CMD_GET_PRINTER_LIST = 2,
-  CMD_UPLOAD_SPOOL = 3,
-  CMD_GET_GAMUT = 4,
-  CMD_NEW_JOB_NAME = 5,
-  CMD_CANCEL_JOB = 6,
-  CMD_DELETE_FILE = 7,
-  CMD_PRINT_HANDOFF = 8,
-  CMD_QUIT = 9,
-  CMD_GET_SCANNER_LIST = 10,
-  CMD_LIST_CONFIGS = 11,
-  CMD_REGISTER_COLOR_TABLE = 23,
-};
 
 // Reads exactly `count` bytes unless the peer closes or a receive fails; returns how many
 // arrived. Blocks without a time-out.

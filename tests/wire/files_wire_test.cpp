@@ -36,7 +36,7 @@ TEST_P(FilesTest, GamutFiles) {
     // Byte for byte, one after the other on one connection (each answer ends where the next
     // one begins): the time, then the size, both in client order; the content as it is.
     for (const auto& [base, mtime, content] : cases) {
-      ASSERT_TRUE(c.SendFrame(client::kCmdGetGamut) && c.SendText("Proofs", 100) &&
+      ASSERT_TRUE(c.SendFrame(kvt::CMD_GET_GAMUT) && c.SendText("Proofs", 100) &&
                   c.SendText(base, 40))
           << c.error();
       EXPECT_TRUE(Receive(c, 8 + content.size()) ==
@@ -80,7 +80,7 @@ TEST_P(FilesTest, ConfigurationListing) {
           field.append(40 - field.size(), '\0') + U32(size, ByteOrder::kLittle) + U32(mtime, order);
     Connection c = Opened(marker);
     for (const auto& [folder, expected] : {std::pair{"Sub", listing}, {"Missing", U32(0, order)}}) {
-      ASSERT_TRUE(c.SendFrame(client::kCmdListConfigs) && c.SendText(folder, 80)) << c.error();
+      ASSERT_TRUE(c.SendFrame(kvt::CMD_LIST_CONFIGS) && c.SendText(folder, 80)) << c.error();
       EXPECT_EQ(Receive(c, expected.size()), expected) << folder;
     }
     EXPECT_TRUE(c.SendClose()) << c.error();

@@ -103,10 +103,10 @@ TEST_P(PrintTest, SpoolHeadersInNameOrderAndInlineCommands) {
   for (const client::Marker& marker : {client::kLittleEndianMarker, client::kBigEndianMarker}) {
     Connection own = Opened(marker);
     const bool little = marker[0] == 4;
-    ASSERT_TRUE(own.SendFrame(client::kCmdGetPrinterList)) << own.error();
+    ASSERT_TRUE(own.SendFrame(kvt::CMD_GET_PRINTER_LIST)) << own.error();
     EXPECT_EQ(Receive(own, 14),
               std::string(little ? "A\x09\0\0\0" : "A\0\0\0\x09", 5) + "123456789");
-    ASSERT_TRUE(own.SendFrame(client::kCmdGetScannerList)) << own.error();
+    ASSERT_TRUE(own.SendFrame(kvt::CMD_GET_SCANNER_LIST)) << own.error();
     EXPECT_EQ(Receive(own, 7), std::string(little ? "\0\x02\0\0\0xy" : "\0\0\0\0\x02xy", 7));
   }
   std::string error;

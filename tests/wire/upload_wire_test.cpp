@@ -19,7 +19,7 @@ using Lines = std::vector<std::string>;
 // byte (1: stored, 0: refused).
 std::optional<std::uint8_t> Upload(Connection& c, std::string name, const std::string& body) {
   name.resize(16, '\0');
-  EXPECT_TRUE(c.SendFrame(client::kCmdUploadSpool) && c.SendBytes(name.data(), 16) &&
+  EXPECT_TRUE(c.SendFrame(kvt::CMD_UPLOAD_SPOOL) && c.SendBytes(name.data(), 16) &&
               c.SendU32(std::uint32_t(body.size())) && c.SendBytes(body.data(), body.size()))
       << c.error();
   return c.RecvByte();
@@ -114,7 +114,7 @@ TEST_P(SpoolTest, UploadRefusalsStoreAndStartNothing) {
   EXPECT_EQ(stored(), before);
   // Over the ceiling: the bytes that come are dropped until the client goes.
   Connection over = Opened();
-  EXPECT_TRUE(over.SendFrame(client::kCmdUploadSpool) && over.SendText("Huge", 16) &&
+  EXPECT_TRUE(over.SendFrame(kvt::CMD_UPLOAD_SPOOL) && over.SendText("Huge", 16) &&
               over.SendU32((1u << 30) + 1) && over.SendBytes(body.data(), body.size()));
   over.Close();
 
@@ -132,7 +132,7 @@ TEST_P(SpoolTest, HandoffLetsJobfeederTalkToTheClient) {
       onLinux ? Holdings(server_->pid()) : std::tuple<long, long, int>{};
   for (int round = 0; round < 3; ++round) {
     Connection c = Opened();
-    ASSERT_TRUE(c.SendFrame(client::kCmdPrintHandoff)) << c.error();
+    ASSERT_TRUE(c.SendFrame(kvt::CMD_PRINT_HANDOFF)) << c.error();
     EXPECT_EQ(Receive(c, 8), "JOBFEED\n");
     EXPECT_TRUE(c.SendBytes("e", 1)) << c.error();
     EXPECT_EQ(c.RecvByte(), std::optional<std::uint8_t>('e')) << c.error();
@@ -165,7 +165,7 @@ TEST_P(SpoolTest, HandoffLetsJobfeederTalkToTheClient) {
   // Without the program the command is ignored: nothing comes, the next frame is served.
   fs::remove(installed_);
   c = Opened();
-  ASSERT_TRUE(c.SendFrame(client::kCmdPrintHandoff)) << c.error();
+  ASSERT_TRUE(c.SendFrame(kvt::CMD_PRINT_HANDOFF)) << c.error();
   ExpectWaiting(c);
   EXPECT_EQ(Upload(c, "AfterHandoff", "x"), std::optional<std::uint8_t>(1));
   EXPECT_TRUE(c.SendClose()) << c.error();
