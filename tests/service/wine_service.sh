@@ -23,22 +23,16 @@ WINEPREFIX=$work/prefix
 WINEDEBUG=-all
 export WINEPREFIX WINEDEBUG
 rm -rf "$work" && mkdir -p "$work" || exit 1
-trap 'wineserver -k </dev/null >/dev/null 2>&1' EXIT
+prefix_script=$(dirname "$0")/../../cmake/wine-prefix.sh
+trap 'sh "$prefix_script" down "$WINEPREFIX"' EXIT
 
 # Every Wine command runs with its output in files: the services and the device manager that
 # Wine starts in the background inherit it, and would hold CTest's pipe open.
 w() { timeout 60 wine "$@" </dev/null >"$work/out" 2>"$work/err"; }
 
-if ! WINEDLLOVERRIDES="winemenubuilder.exe=d;mscoree,mshtml=" \
-    timeout 300 wineboot -i </dev/null >"$work/boot.log" 2>&1; then
-  echo "wineboot -i failed:"
-  cat "$work/boot.log"
-  exit 1
-fi
-# A persistent server and Wine's services, started once rather than by every command.
-timeout 30 wineserver -w </dev/null >/dev/null 2>&1
-wineserver -p </dev/null >/dev/null 2>&1
-w cmd /c exit
+# A fresh prefix with a persistent server and Wine's services started, as for the other
+# Wine tests.
+sh "$prefix_script" up "$WINEPREFIX" || exit 1
 
 failures=0
 fail() {
