@@ -86,6 +86,7 @@ CommandLine commandLine;
 int RunProcess(const char* arguments) {
   bool fits = SplitCommandLine(arguments, commandLine);
   process::SetBinaryMode();
+  process::KeepRunningAtFileSizeLimit();
   if (!StartSockets()) {
     std::printf("KVTnetd: WinSocket version not supported!\n");
     std::fflush(stdout);

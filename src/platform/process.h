@@ -15,6 +15,11 @@ const char* ArgumentText(int argc, char** argv);
 // and of the standard streams. POSIX has no text mode: nothing to do.
 void SetBinaryMode();
 
+// Makes a write past the process's file-size limit fail with an error, like a full disk,
+// instead of ending the process: one upload fails, not the server. POSIX: SIGXFSZ is
+// ignored. Windows has no such limit: nothing to do.
+void KeepRunningAtFileSizeLimit();
+
 // The local time now; false if the platform cannot tell.
 bool LocalTimeNow(std::tm* out);
 

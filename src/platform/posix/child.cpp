@@ -31,6 +31,7 @@ pid_t StartChild(const char* program, const char* const* argv, int input) {
   sigemptyset(&signals);
   posix_spawnattr_setsigmask(&attributes, &signals);
   sigaddset(&signals, SIGPIPE);
+  sigaddset(&signals, SIGXFSZ);
   posix_spawnattr_setsigdefault(&attributes, &signals);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   pid_t child = -1;

@@ -1,5 +1,6 @@
 #include "platform/process.h"
 
+#include <csignal>
 #include <cstring>
 #include <string>
 
@@ -22,6 +23,8 @@ const char* ArgumentText(int argc, char** argv) {
 }
 
 void SetBinaryMode() {}
+
+void KeepRunningAtFileSizeLimit() { std::signal(SIGXFSZ, SIG_IGN); }
 
 bool LocalTimeNow(std::tm* out) {
   std::time_t now = std::time(nullptr);

@@ -40,6 +40,8 @@ void SetBinaryMode() {
   }
 }
 
+void KeepRunningAtFileSizeLimit() {}
+
 bool LocalTimeNow(std::tm* out) {
   std::time_t now = std::time(nullptr);
   return now != static_cast<std::time_t>(-1) && localtime_s(out, &now) == 0;
