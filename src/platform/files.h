@@ -22,9 +22,10 @@ enum class Created { kCreated, kExists, kFailed };
 // file is new (a failed write leaves it shorter). The descriptor is never inherited.
 Created CreateNew(const char* path, const void* data, std::size_t size);
 
-// Creates the file, or cuts an existing one to length 0, and writes `size` bytes to it as
-// they are. The number of bytes written (fewer when the disk fills), or -1 when the file
-// can't be opened for writing. The descriptor is never inherited.
+// Creates the file, or replaces an existing one's content, with `size` bytes as they are:
+// afterwards the file holds exactly the bytes written. Their number (fewer when the disk
+// fills), or -1 when the file can't be opened for writing or cut to length. The descriptor
+// is never inherited.
 long long Replace(const char* path, const void* data, std::size_t size);
 
 // Deletes a file; false when there is none, it is a folder, or the system refuses.

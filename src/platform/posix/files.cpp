@@ -33,7 +33,10 @@ Created CreateNew(const char* path, const void* data, std::size_t size) {
 }
 
 long long Replace(const char* path, const void* data, std::size_t size) {
-  int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  // Written over in place, then cut to what was written, rather than cut to 0 first: ext4
+  // flushes a file that was cut to 0 and written again as it is closed (its guard for
+  // programs that rewrite without fsync), which costs milliseconds per megabyte.
+  int fd = ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
   if (fd < 0) return -1;
   const char* bytes = static_cast<const char*>(data);
   std::size_t written = 0;
@@ -43,8 +46,10 @@ long long Replace(const char* path, const void* data, std::size_t size) {
     if (n <= 0) break;
     written += static_cast<std::size_t>(n);
   }
+  // The file then holds exactly the bytes written: no tail of a longer old one.
+  const bool cut = ::ftruncate(fd, static_cast<off_t>(written)) == 0;
   ::close(fd);
-  return static_cast<long long>(written);
+  return cut ? static_cast<long long>(written) : -1;
 }
 
 // unlink, not remove: a client's path must never take away a folder, even an empty one.
