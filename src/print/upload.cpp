@@ -3,6 +3,8 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <utility>
 
 #include "files/commands.h"
 #include "platform/files.h"
@@ -33,6 +35,72 @@ void StartJobfeeder() {
   RunProgram(program, nullptr);
 }
 
+// Body blocks of finished uploads, kept for the next ones. A fresh block of many megabytes
+// is mapped anew and takes a page fault for each of its pages at first touch, which costs
+// more than receiving the body; a kept block is already in place. What is kept is bounded
+// (kKeptBlocks blocks, kKeptBytes in all), so a body near the 1 GiB ceiling is freed after
+// its upload as before, and idle memory stays below that bound.
+class BodyBlocks {
+ public:
+  struct Block {
+    char* data = nullptr;
+    std::size_t size = 0;
+  };
+
+  // A block of at least `length` bytes: the smallest kept one that is large enough, else a
+  // fresh one; a null block when none can be allocated even after letting go of the kept.
+  Block Take(std::size_t length) {
+    {
+      std::lock_guard lock(mutex_);
+      Block* best = nullptr;
+      for (Block& k : kept_)
+        if (k.data != nullptr && k.size >= length && (best == nullptr || k.size < best->size))
+          best = &k;
+      if (best != nullptr) return std::exchange(*best, Block{});
+    }
+    // Rounded up so that bodies of nearly the same length share a block (1 GiB stays 1 GiB).
+    const std::size_t size = length > kGrain ? (length + kGrain - 1) / kGrain * kGrain : kGrain;
+    Block fresh{static_cast<char*>(std::malloc(size)), size};
+    if (fresh.data == nullptr) {
+      Release();
+      fresh.data = static_cast<char*>(std::malloc(size));
+    }
+    return fresh;
+  }
+
+  // Keeps `block` for a later upload when it fits the bound, in an empty place or in that
+  // of a smaller kept block; frees what is not kept.
+  void Give(Block block) {
+    Block dropped = block;
+    {
+      std::lock_guard lock(mutex_);
+      Block* place = &kept_[0];  // an empty place, else that of the smallest block
+      std::size_t total = 0;
+      for (Block& k : kept_) {
+        total += k.size;
+        if (place->data != nullptr && (k.data == nullptr || k.size < place->size)) place = &k;
+      }
+      if (block.size > place->size && total - place->size + block.size <= kKeptBytes)
+        dropped = std::exchange(*place, block);
+    }
+    std::free(dropped.data);
+  }
+
+ private:
+  void Release() {
+    std::lock_guard lock(mutex_);
+    for (Block& k : kept_) std::free(std::exchange(k, Block{}).data);
+  }
+
+  static constexpr std::size_t kGrain = 64 * 1024;
+  static constexpr int kKeptBlocks = 4;
+  static constexpr std::size_t kKeptBytes = std::size_t{128} << 20;  // 128 MiB
+  std::mutex mutex_;
+  Block kept_[kKeptBlocks];
+};
+
+BodyBlocks bodyBlocks;
+
 // Receives the body whole, then stores it: an existing file is touched only once every
 // byte has arrived. True when the whole body was written.
 bool ReceiveAndStore(net::Socket socket, const char* name, std::uint32_t length) {
@@ -40,17 +108,16 @@ bool ReceiveAndStore(net::Socket socket, const char* name, std::uint32_t length)
   bool acceptable = NameStaysInFolder(name) && SpoolFolder[0] != '\0' &&
                     FormatFits(path, sizeof path, "%s/%s.spl", SpoolFolder, name);
   // Checked before anything is allocated; a refused body is only read off the connection.
-  char* body = nullptr;
-  if (acceptable && length <= kMaxSpoolBody)
-    body = static_cast<char*>(std::malloc(length > 0 ? length : 1));
-  if (body == nullptr) {
+  BodyBlocks::Block body;
+  if (acceptable && length <= kMaxSpoolBody) body = bodyBlocks.Take(length);
+  if (body.data == nullptr) {
     DrainBytes(socket, length);
     return false;
   }
   const int count = static_cast<int>(length);  // at most kMaxSpoolBody
   long long written = -1;
-  if (RecvAll(socket, body, count) == count) written = files::Replace(path, body, length);
-  std::free(body);
+  if (RecvAll(socket, body.data, count) == count) written = files::Replace(path, body.data, length);
+  bodyBlocks.Give(body);
   if (written != count) return false;
   StartJobfeeder();
   return true;
