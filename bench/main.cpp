@@ -1,0 +1,520 @@
+// The benchmark: each figure of KVTnetd measured side by side with its baseline in the same
+// run, several times, printed as one Markdown table (scripts/bench.sh runs it).
+//
+//   kvt_bench [FIGURE...]   figures 1 to 6; all of them when none is named
+//
+// It starts kvtnetd on port 51470, so it belongs in a network namespace of its own. With
+// CUPS_SERVER naming a scheduler that has the raw queues KvtProofA and KvtProofB (the tests'
+// private scheduler), the CUPS commands are measured as well.
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <latch>
+#include <semaphore>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "client/client.h"
+#include "client/print_client.h"
+#include "client/spool_client.h"
+#include "measure.h"
+#include "platform/net.h"
+#include "rig.h"
+
+namespace kvt::bench {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::uint16_t kRawPort = 51471;
+constexpr int kRepetitions = 7;
+constexpr double kMiB = 1024.0 * 1024.0;
+// The server's listen backlog. Clients that open connections at once keep at most this many
+// openings in flight, so that a full accept queue never drops a SYN (a 1 s retry).
+constexpr std::ptrdiff_t kBacklog = 5;
+
+struct Context {
+  fs::path root;
+  Kvtnetd& server;
+  bool cups = false;
+  std::vector<Row> rows;
+  std::vector<std::string> notes;
+};
+
+std::string Printf(const char* format, auto... args) {
+  char text[512];
+  std::snprintf(text, sizeof text, format, args...);
+  return text;
+}
+
+client::Connection Opened(std::uint16_t port) {
+  client::Connection c;
+  if (!c.Connect("127.0.0.1", port) || !c.Open()) {
+    std::fprintf(stderr, "kvt_bench: port %u: %s\n", unsigned{port}, c.error().c_str());
+    std::exit(1);
+  }
+  return c;
+}
+
+// Runs `work` on `threads` threads from one start signal for about `seconds`; each call of
+// work() is one operation, false stops that thread. Operations per second.
+double Rate(int threads, double seconds, const std::function<bool(int)>& work) {
+  std::atomic<bool> go{false}, stop{false};
+  std::atomic<long> total{0};
+  std::latch ready(threads);
+  std::vector<std::thread> pool;
+  for (int t = 0; t < threads; ++t)
+    pool.emplace_back([&, t] {
+      ready.count_down();
+      while (!go) std::this_thread::yield();
+      long n = 0;
+      while (!stop && work(t)) ++n;
+      total += n;
+    });
+  ready.wait();
+  const double start = Now();
+  go = true;
+  std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+  stop = true;
+  const double elapsed = Now() - start;
+  for (std::thread& t : pool) t.join();
+  return static_cast<double>(total) / elapsed;
+}
+
+// The mean wall time of `runs` runs of a program, in seconds; exits when one fails.
+double MeanRun(const std::vector<std::string>& argv, int runs = 3) {
+  double sum = 0;
+  for (int i = 0; i < runs; ++i) {
+    const double t = TimeRun(argv);
+    if (t < 0) {
+      std::fprintf(stderr, "kvt_bench: %s failed\n", argv[0].c_str());
+      std::exit(1);
+    }
+    sum += t;
+  }
+  return sum / runs;
+}
+
+long MinorFaults(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string stat((std::istreambuf_iterator<char>(in)), {});
+  std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+  std::string field;
+  for (int i = 3; i <= 10 && fields >> field; ++i) {
+  }
+  return std::stol(field);  // field 10: minflt, all threads together
+}
+
+// ---- 1. Job names: 4 bytes in, 16 out ----
+void JobNames(Context& ctx) {
+  for (int clients : {1, 8, 64}) {
+    auto run = [clients](std::uint16_t port) {
+      std::vector<client::Connection> connections;
+      for (int i = 0; i < clients; ++i) connections.push_back(Opened(port));
+      const double rate = Rate(
+          clients, 0.4, [&](int t) { return client::FreshJobName(connections[t]).has_value(); });
+      for (client::Connection& c : connections) c.SendClose();
+      return rate;
+    };
+    ctx.rows.push_back(Compare(
+        Printf("1. `CMD_NEW_JOB_NAME` round trips, %d client%s", clients, clients > 1 ? "s" : ""),
+        "/s", {0.9, true}, kRepetitions, [&] { return run(client::kDefaultPort); },
+        [&] { return run(kRawPort); }));
+  }
+}
+
+// ---- 2. Connections: connect, opening exchange, CMD_CLOSE ----
+void Connections(Context& ctx) {
+  const long overflows = ListenOverflows();
+  auto run = [](std::uint16_t port) {
+    std::counting_semaphore<> openings(kBacklog);
+    return Rate(8, 0.5, [&](int) {
+      client::Connection c;
+      openings.acquire();
+      const bool open = c.Connect("127.0.0.1", port) && c.Open();
+      openings.release();
+      return open && c.SendClose();
+    });
+  };
+  ctx.rows.push_back(Compare(
+      "2. connections (connect, opening, `CMD_CLOSE`), 8 clients", "/s", {0.8, true}, kRepetitions,
+      [&] { return run(client::kDefaultPort); }, [&] { return run(kRawPort); }));
+  ctx.notes.push_back(
+      Printf("Figure 2: at most %td openings in flight (the backlog); SYNs dropped "
+             "for a full accept queue during the figure: %ld.",
+             kBacklog, ListenOverflows() - overflows));
+}
+
+// ---- 3. Uploads ----
+double UploadRate(std::uint16_t port, const std::string& body, int count) {
+  client::Connection c = Opened(port);
+  std::string error;
+  const double start = Now();
+  for (int i = 0; i < count; ++i) {
+    std::size_t offset = 0;
+    auto source = [&](char* buffer, std::size_t size) {
+      std::memcpy(buffer, body.data() + offset, size);
+      offset += size;
+      return size;
+    };
+    std::optional<bool> stored = client::UploadSpool(
+        c, "benchupload", static_cast<std::uint32_t>(body.size()), source, {}, &error);
+    if (!stored || !*stored) {
+      std::fprintf(stderr, "kvt_bench: upload to port %u failed: %s\n", unsigned{port},
+                   error.c_str());
+      std::exit(1);
+    }
+  }
+  const double elapsed = Now() - start;
+  c.SendClose();
+  return static_cast<double>(body.size()) * count / elapsed / kMiB;
+}
+
+void Uploads(Context& ctx) {
+  for (auto [size, count] : {std::pair{std::size_t{1} << 20, 40}, {std::size_t{64} << 20, 2}}) {
+    std::string body(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) body[i] = static_cast<char>(i * 13 + i / 509);
+    const long faults = MinorFaults(ctx.server.pid());
+    ctx.rows.push_back(Compare(
+        Printf("3. upload of %zu MiB bodies, stored (raw: received and written once)", size >> 20),
+        "MiB/s", {0.7, true}, kRepetitions,
+        [&] { return UploadRate(client::kDefaultPort, body, count); },
+        [&] { return UploadRate(kRawPort, body, count); }));
+    ctx.notes.push_back(
+        Printf("Figure 3, %zu MiB: minor page faults of the server per upload: "
+               "%.0f (a fresh body takes %zu).",
+               size >> 20, double(MinorFaults(ctx.server.pid()) - faults) / (kRepetitions * count),
+               size / 4096));
+    if (size == std::size_t{1} << 20) {
+      // The same without the program start: the pointer file names a folder whose program
+      // path would be too long, so the server does not even try.
+      ctx.server.PointJobfeederAt(std::string(220, 'x'));
+      ctx.rows.push_back(Compare(
+          "3. upload of 1 MiB bodies, stored, jobfeeder not started", "MiB/s", kNoGoal,
+          kRepetitions, [&] { return UploadRate(client::kDefaultPort, body, count); },
+          [&] { return UploadRate(kRawPort, body, count); }));
+      ctx.server.PointJobfeederAt({});
+    }
+  }
+
+  // What a fresh large block costs: malloc, first touch of every page, free; against the
+  // same bytes written into a block that is kept.
+  constexpr std::size_t kBlock = std::size_t{64} << 20;
+  std::vector<char> kept(kBlock, 1);
+  ctx.rows.push_back(Compare(
+      "3. a 64 MiB body block: fresh (malloc, first touch, free) vs kept", "ms", kNoGoal,
+      kRepetitions,
+      [] {
+        const double start = Now();
+        auto* block = static_cast<char*>(std::malloc(kBlock));
+        std::memset(block, 2, kBlock);
+        asm volatile("" : : "r"(block) : "memory");  // the stores must happen
+        std::free(block);
+        return Now() - start;
+      },
+      [&] {
+        const double start = Now();
+        std::memset(kept.data(), 2, kBlock);
+        return Now() - start;
+      },
+      1000));
+
+  // A stored upload also starts jobfeeder before it answers; what that start costs.
+  std::vector<double> starts;
+  for (int i = 0; i < 20; ++i) {
+    const double begun = Now();
+    const pid_t child = Spawn({"/bin/true"});
+    starts.push_back((Now() - begun) * 1000);
+    ::waitpid(child, nullptr, 0);
+  }
+  const Spread start = Summarize(starts);
+  ctx.rows.push_back(Plain("3. starting a program (posix_spawn of /bin/true, as for jobfeeder)",
+                           Printf("%.3g ms (%.3g–%.3g)", start.median, start.low, start.high), "—",
+                           true));
+
+  if (!ctx.cups) return;
+  ctx.rows.push_back(Compare(
+      "3. process floor: `kvtctl ping` vs `lpstat -r` (start-up, one exchange)", "ms", kNoGoal,
+      kRepetitions,
+      [] {
+        return MeanRun({KVT_BENCH_KVTCTL, "ping"});
+      },
+      [] {
+        return MeanRun({"lpstat", "-r"});
+      },
+      1000));
+  const fs::path file = ctx.root / "upload-1m.prn";
+  WritePattern(file, std::size_t{1} << 20);
+  ctx.rows.push_back(Compare(
+      "3. `kvtctl upload` 1 MiB vs `lp -H hold` of the same file (whole processes)", "ms",
+      {0.25, false}, kRepetitions,
+      [&] {
+        return MeanRun({KVT_BENCH_KVTCTL, "upload", file, "--name", "benchproc"});
+      },
+      [&] {
+        return MeanRun({"lp", "-H", "hold", "-d", "KvtProofA", file});
+      },
+      1000));
+  TimeRun({"cancel", "-a"});
+}
+
+// ---- 4. Gamut file: 256 MiB out in 8,192-byte writes ----
+void Gamut(Context& ctx) {
+  constexpr std::uint32_t kSize = 256u << 20;
+  WritePattern(ctx.server.Gamut() / "bench" / "big.gamut", kSize);
+  auto run = [](std::uint16_t port) {
+    client::Connection c = Opened(port);
+    std::uint64_t received = 0;
+    const double start = Now();
+    std::optional<client::GamutInfo> info = c.GetGamut(
+        "bench", "big", [&](const char*, std::size_t n) { return (received += n), true; });
+    const double elapsed = Now() - start;
+    if (!info || info->size != kSize || received != kSize) {
+      std::fprintf(stderr, "kvt_bench: gamut from port %u: %s\n", unsigned{port},
+                   c.error().c_str());
+      std::exit(1);
+    }
+    c.SendClose();
+    return received / elapsed / kMiB;
+  };
+  run(client::kDefaultPort);  // both read the file from the page cache
+  ctx.rows.push_back(Compare(
+      "4. `CMD_GET_GAMUT` of a 256 MiB file", "MiB/s", {0.85, true}, kRepetitions,
+      [&] { return run(client::kDefaultPort); }, [&] { return run(kRawPort); }));
+  fs::remove_all(ctx.server.Gamut() / "bench");
+}
+
+// ---- 5. Job listing: 256 spool files and 2 queues of 50 held jobs ----
+void Listing(Context& ctx) {
+  for (const auto& entry : fs::directory_iterator(ctx.server.Spool())) fs::remove(entry.path());
+  for (int i = 0; i < 256; ++i) WritePattern(ctx.server.Spool() / Printf("bench%03d.spl", i), 5000);
+  if (ctx.cups) {
+    TimeRun({"cancel", "-a"});
+    const fs::path job = ctx.root / "held.prn";
+    WritePattern(job, 5000);
+    for (const char* queue : {"KvtProofA", "KvtProofB"})
+      for (int i = 0; i < 50; ++i) TimeRun({"lp", "-H", "hold", "-d", queue, job});
+  }
+
+  client::Connection c = Opened(client::kDefaultPort);
+  std::string error;
+  std::optional<std::string> first = client::ListJobRecords(c, &error);
+  const std::size_t records = first ? first->size() / client::kJobRecordSize : 0;
+  auto inProcess = [&] {
+    constexpr int kListings = 10;
+    const double start = Now();
+    for (int i = 0; i < kListings; ++i)
+      if (!client::ListJobRecords(c, &error)) std::exit(1);
+    return (Now() - start) / kListings;
+  };
+  ctx.notes.push_back(Printf("Figure 5: one listing holds %zu records (%s).", records,
+                             ctx.cups ? "100 held jobs and 256 spool files expected"
+                                      : "no scheduler: 256 spool files expected"));
+  if (!ctx.cups) {
+    const Spread s = Summarize({inProcess(), inProcess(), inProcess(), inProcess(), inProcess()});
+    ctx.rows.push_back(Plain(
+        "5. `CMD_LIST_JOBS` in-process, per listing (no scheduler)",
+        Printf("%.3g ms (%.3g–%.3g)", s.median * 1000, s.low * 1000, s.high * 1000), "—", true));
+    return;
+  }
+  ctx.rows.push_back(Compare(
+      "5. `kvtctl jobs` vs `lpstat -o` (whole processes)", "ms", {0.25, false}, kRepetitions,
+      [] {
+        return MeanRun({KVT_BENCH_KVTCTL, "jobs"});
+      },
+      [] {
+        return MeanRun({"lpstat", "-o"});
+      },
+      1000));
+  ctx.rows.push_back(Compare(
+      "5. `CMD_LIST_JOBS` in-process vs `lpstat -o` process", "ms", kNoGoal, kRepetitions,
+      inProcess,
+      [] {
+        return MeanRun({"lpstat", "-o"});
+      },
+      1000));
+  c.SendClose();
+  TimeRun({"cancel", "-a"});
+}
+
+// ---- 6. Scale: 5,000 concurrent connections ----
+void Scale(Context& ctx) {
+  constexpr int kConnections = 5000, kNamesEach = 10, kClientThreads = 4;
+  ctx.server.Start();  // a fresh process: its idle figures are not those of the runs before
+  std::this_thread::sleep_for(300ms);
+  const pid_t pid = ctx.server.pid();
+  const Holdings idle = HoldingsOf(pid);
+  const long overflows = ListenOverflows();
+
+  std::vector<client::Connection> connections(kConnections);
+  std::vector<std::vector<std::string>> names(kClientThreads);
+  std::atomic<int> opened{0}, slow{0};
+  std::counting_semaphore<> openings(kBacklog);
+  auto eachThread = [&](const std::function<void(int, int)>& work) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kClientThreads; ++t)
+      threads.emplace_back([&, t] {
+        for (int i = t; i < kConnections; i += kClientThreads) work(t, i);
+      });
+    for (std::thread& t : threads) t.join();
+  };
+  const double start = Now();
+  eachThread([&](int, int i) {
+    openings.acquire();
+    const double begun = Now();
+    const bool open = connections[i].Connect("127.0.0.1") && connections[i].Open();
+    openings.release();
+    opened += open;
+    slow += Now() - begun > 0.5;
+  });
+  const double openSeconds = Now() - start;
+  eachThread([&](int t, int i) {
+    for (int k = 0; k < kNamesEach && connections[i].IsConnected(); ++k)
+      if (std::optional<std::string> name = client::FreshJobName(connections[i]))
+        names[t].push_back(*name);
+  });
+  std::this_thread::sleep_for(300ms);  // every thread back in its receive
+  const Holdings busy = HoldingsOf(pid);
+
+  std::set<std::string> unique;
+  std::size_t total = 0;
+  for (const auto& list : names) {
+    unique.insert(list.begin(), list.end());
+    total += list.size();
+  }
+  eachThread([&](int, int i) { connections[i].SendClose(); });
+  connections.clear();
+  Holdings after = HoldingsOf(pid);
+  for (int i = 0; i < 100 && (after.threads > idle.threads || after.descriptors > idle.descriptors);
+       ++i) {
+    std::this_thread::sleep_for(100ms);
+    after = HoldingsOf(pid);
+  }
+
+  const bool served = opened == kConnections && total == std::size_t{kConnections} * kNamesEach;
+  ctx.rows.push_back(
+      Plain("6. 5,000 concurrent connections, 10 `CMD_NEW_JOB_NAME` each while all are open",
+            Printf("%d/%d open, %zu/%d names, %zu unique; all opened in %.2f s, %d openings over "
+                   "0.5 s, %ld SYNs dropped",
+                   opened.load(), kConnections, total, kConnections * kNamesEach, unique.size(),
+                   openSeconds, slow.load(), ListenOverflows() - overflows),
+            "all served, all unique", served && unique.size() == total));
+  const double perConnection = double(busy.rssKiB - idle.rssKiB) / std::max(1, opened.load());
+  ctx.rows.push_back(Plain("6. resident memory per idle connection",
+                           Printf("%.1f KiB (VmRSS %ld KiB idle, %ld KiB with %d open)",
+                                  perConnection, idle.rssKiB, busy.rssKiB, opened.load()),
+                           "≤ 16 KiB", perConnection <= 16));
+  ctx.rows.push_back(Plain("6. threads and descriptors after the connections closed",
+                           Printf("threads %ld → %ld → %ld, descriptors %ld → %ld → %ld "
+                                  "(idle → open → closed)",
+                                  idle.threads, busy.threads, after.threads, idle.descriptors,
+                                  busy.descriptors, after.descriptors),
+                           "back to idle",
+                           after.threads == idle.threads && after.descriptors == idle.descriptors));
+}
+
+std::string LoadAverage() {
+  std::ifstream in("/proc/loadavg");
+  std::string one, five;
+  in >> one >> five;
+  return one + " / " + five;
+}
+
+}  // namespace
+
+// The baseline server runs as a process of its own, as kvtnetd does, so that neither side
+// shares its process with the clients: kvt_bench --raw FOLDER.
+int RawMain(const fs::path& folder) {
+  RawServer raw(kRawPort, folder);
+  if (!raw.listening()) return 1;
+  for (;;) ::pause();
+}
+
+pid_t StartRaw(const fs::path& folder) {
+  const pid_t pid = Spawn({"/proc/self/exe", "--raw", folder});
+  for (int i = 0; pid > 0 && i < 200; ++i) {
+    client::Connection c;
+    if (c.Connect("127.0.0.1", kRawPort)) return pid;
+    std::this_thread::sleep_for(25ms);
+  }
+  return -1;
+}
+
+Kvtnetd* running = nullptr;  // stopped however the benchmark ends
+pid_t rawPid = -1;
+
+void StopServers() {
+  if (running != nullptr) running->Stop();
+  if (rawPid > 0) {
+    ::kill(rawPid, SIGKILL);
+    ::waitpid(rawPid, nullptr, 0);
+    rawPid = -1;
+  }
+}
+
+int Main(int argc, char** argv) {
+  if (argc == 3 && std::strcmp(argv[1], "--raw") == 0) return RawMain(argv[2]);
+  std::set<int> chosen;
+  for (int i = 1; i < argc; ++i) chosen.insert(std::atoi(argv[i]));
+  // 5,000 connections need as many descriptors here and in the server, which inherits this.
+  rlimit files{};
+  if (::getrlimit(RLIMIT_NOFILE, &files) == 0) {
+    files.rlim_cur = files.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &files);
+  }
+  net::Startup();
+
+  std::string pattern = fs::temp_directory_path() / "kvt-bench-XXXXXX";
+  if (::mkdtemp(pattern.data()) == nullptr) return 1;
+  const fs::path root = pattern;
+  Kvtnetd server(root);
+  if (!server.Start()) {
+    std::fprintf(stderr, "kvt_bench: kvtnetd did not start (port 51470 taken?)\n");
+    return 1;
+  }
+  running = &server;
+  std::atexit(StopServers);
+  rawPid = StartRaw(server.Gamut());
+  if (rawPid < 0) {
+    std::fprintf(stderr, "kvt_bench: the baseline server cannot listen on %u\n", kRawPort);
+    return 1;
+  }
+  Context ctx{root, server, false, {}, {}};
+  ctx.cups = std::getenv("CUPS_SERVER") != nullptr && TimeRun({"lpstat", "-r"}) >= 0;
+  const std::string loadBefore = LoadAverage();
+
+  const std::vector<std::pair<int, void (*)(Context&)>> figures{
+      {1, JobNames}, {2, Connections}, {3, Uploads}, {4, Gamut}, {5, Listing}, {6, Scale}};
+  for (const auto& [number, run] : figures) {
+    if (!chosen.empty() && !chosen.contains(number)) continue;
+    std::fprintf(stderr, "figure %d...\n", number);
+    run(ctx);
+  }
+
+  ctx.notes.push_back(
+      Printf("%d repetitions per figure, KVTnetd and baseline alternating; load "
+             "average (1 / 5 min) %s at the start, %s at the end.",
+             kRepetitions, loadBefore.c_str(), LoadAverage().c_str()));
+  if (!ctx.cups)
+    ctx.notes.push_back("No CUPS scheduler (CUPS_SERVER): its baselines are left out.");
+  PrintTable(ctx.rows, ctx.notes);
+  StopServers();
+  running = nullptr;
+  std::error_code ignored;
+  fs::remove_all(root, ignored);
+  return 0;
+}
+
+}  // namespace kvt::bench
+
+int main(int argc, char** argv) { return kvt::bench::Main(argc, argv); }
