@@ -1,6 +1,7 @@
 #include "harness.h"
 
 #include <fcntl.h>
+#include <pwd.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -193,6 +194,17 @@ std::string Pattern(std::size_t count, int seed) {
   return bytes;
 }
 
+std::string Le32(std::uint32_t value) {
+  std::string bytes(4, '\0');
+  for (int i = 0; i < 4; ++i) bytes[i] = static_cast<char>(value >> 8 * i);
+  return bytes;
+}
+
+std::string Field(std::string text, std::size_t width) {
+  text.resize(width, '\0');
+  return text;
+}
+
 std::tuple<long, long, int> Holdings(pid_t pid) {
   const fs::path proc = "/proc/" + std::to_string(pid);
   auto count = [](const fs::path& dir) {
@@ -201,13 +213,32 @@ std::tuple<long, long, int> Holdings(pid_t pid) {
   int children = 0;
   for (const auto& process : fs::directory_iterator("/proc")) {
     if (!std::isdigit(static_cast<unsigned char>(process.path().filename().string()[0]))) continue;
-    const std::string stat = ReadFile(process.path() / "stat");
+    std::string stat;
+    try {
+      stat = ReadFile(process.path() / "stat");
+    } catch (const std::ios_base::failure&) {  // the process ended while being read
+      continue;
+    }
     std::istringstream fields(stat.substr(std::min(stat.rfind(')') + 1, stat.size())));
     std::string state;
     pid_t parent = 0;
     children += fields >> state >> parent && parent == pid;
   }
   return {count(proc / "task"), count(proc / "fd"), children};
+}
+
+std::optional<std::tuple<long, long, int>> IdleHoldings(pid_t pid) {
+  const auto first = Holdings(pid);
+  if (!client::Ping("127.0.0.1", client::kDefaultPort, client::ByteOrder::kLittle).empty())
+    return std::nullopt;
+  auto idle = first;  // once the connection's thread has gone, at most the runtime's is new
+  if (!WaitUntil([&] {
+        idle = Holdings(pid);
+        return std::get<0>(idle) <= std::get<0>(first) + KVT_SANITIZER_THREADS &&
+               std::get<1>(idle) == std::get<1>(first) && std::get<2>(idle) == std::get<2>(first);
+      }, 10s))
+    return std::nullopt;
+  return idle;
 }
 
 Outcome RunKvtctl(const std::vector<std::string>& args, const std::vector<std::string>& env) {
@@ -253,12 +284,22 @@ Server::~Server() {
   }
 }
 
+void InstallProgram(const fs::path& from, const fs::path& to) {
+  fs::create_directories(to.parent_path());
+  fs::remove(to);
+  fs::copy_file(from, to);
+}
+
 void Server::InstallTool() const {
   const fs::path standin = kind_ == Kind::kLinux ? fs::path(KVT_LINUX_STANDIN)
                            : fs::path(KVT_WINDOWS_SERVER).parent_path() / "tests" / "standins" /
                                  "ShadeProof.exe";
-  fs::create_directories(Tool().parent_path());
-  fs::copy_file(standin, Tool(), fs::copy_options::overwrite_existing);
+  InstallProgram(standin, Tool());
+}
+
+fs::path Server::TableFolder() const {
+  if (kind_ == Kind::kLinux) return root_ / "Velmora";  // TMPDIR is the root
+  return data_.parent_path() / "users" / ::getpwuid(::geteuid())->pw_name / "Temp" / "Velmora";
 }
 
 fs::path Server::HostPath(std::string serverPath) const {
@@ -282,6 +323,7 @@ std::string Server::Start(const std::vector<std::string>& args) {
     if (std::getenv("WINEDEBUG") == nullptr) extra.push_back("WINEDEBUG=-all");
   }
   argv.insert(argv.end(), args.begin(), args.end());
+  argv.insert(argv.begin(), wrapper_.begin(), wrapper_.end());
   status_.reset();
   pid_ = Spawn(argv, cwd_, Environment(extra));
   return pid_ > 0 ? "" : "cannot start " + argv[0];
@@ -321,7 +363,16 @@ std::optional<int> Server::WaitExit() {
 }
 
 std::string Server::Stop() {
-  if (!Running()) return {};
+  // A sanitizer's report (the server's own, or a stand-in's it started) fails the test even
+  // when the program went on or the test never looked at its output.
+  if (pid_ > 0 || status_) {
+    const std::string errors = Errors();
+    if (errors.find("Sanitizer") != std::string::npos) ADD_FAILURE() << "the server's stderr: " << errors;
+  }
+  if (!Running()) {
+    status_.reset();
+    return {};
+  }
   ::kill(pid_, SIGKILL);
   ::waitpid(pid_, nullptr, 0);
   pid_ = -1;

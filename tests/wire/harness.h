@@ -43,9 +43,19 @@ void WriteFile(const fs::path& file, std::string_view content,
                std::optional<std::uint32_t> mtime = std::nullopt);
 // `count` bytes that seldom repeat, different for each seed.
 std::string Pattern(std::size_t count, int seed = 0);
+// Copies a program to `to` (creating the folder). A copy there that an earlier test started
+// may still run, and writing over a running program fails: it is removed first.
+void InstallProgram(const fs::path& from, const fs::path& to);
+// A 32-bit value little-endian, and a text NUL-padded (or cut) to a field's width.
+std::string Le32(std::uint32_t value);
+std::string Field(std::string text, std::size_t width);
 
 // The threads, open descriptors and child processes (zombies among them) of a Linux process.
 std::tuple<long, long, int> Holdings(pid_t pid);
+// A Linux server's holdings while no client is connected, taken once a connection has been
+// made and has ended: ThreadSanitizer's runtime starts a thread of its own with the first
+// connection's thread, and then belongs to the baseline. None when the server does not settle.
+std::optional<std::tuple<long, long, int>> IdleHoldings(pid_t pid);
 
 // A program run: exit status (128 + signal when killed) and what it printed.
 struct Outcome {
@@ -78,6 +88,12 @@ class Server {
   fs::path ToolRecords() const { return root_ / "standin"; }
   // Puts the stand-in of this kind's build where the server looks for the tool.
   void InstallTool() const;
+  // Where the server stores colour tables: its private temporary folder, as this machine
+  // sees it.
+  fs::path TableFolder() const;
+  // Programs that the server is started through, each of which ends by running the rest of
+  // the command (prlimit, unshare): a limit or a mount namespace for the server alone.
+  void WrapWith(std::vector<std::string> wrapper) { wrapper_ = std::move(wrapper); }
   // A path as the server names it, as a path of this machine (Wine's C: drive mapped).
   fs::path HostPath(std::string serverPath) const;
 
@@ -93,6 +109,7 @@ class Server {
  private:
   Kind kind_;
   fs::path root_, cwd_, data_, programs_;
+  std::vector<std::string> wrapper_;
   pid_t pid_ = -1;
   std::optional<int> status_;
 };

@@ -38,8 +38,7 @@ class SpoolTest : public ServerSuite {
     // A blank in the folder: each start must keep the program's path whole.
     const fs::path programs = Records() / "Corvina programs";
     installed_ = programs / standin.filename();
-    fs::create_directories(programs);
-    fs::copy_file(standin, installed_, fs::copy_options::overwrite_existing);
+    InstallProgram(standin, installed_);
     WriteFile(Pointer(), (GetParam() == Kind::kWine ? "Z:" : "") + programs.string() + "\n");
     fs::remove(Records() / "jobfeeder-starts");
     fs::remove(Records() / "jobfeeder-stay-ms");

@@ -99,7 +99,9 @@ INSTANTIATE_TEST_SUITE_P(Wine, WireTest, ::testing::Values(Kind::kWine));
 class LinuxWireTest : public WireTest {};
 
 TEST_P(LinuxWireTest, ThreadsAndDescriptorsReturnToBaseline) {
-  const auto baseline = Holdings(server_->pid());
+  const auto idle = IdleHoldings(server_->pid());
+  ASSERT_TRUE(idle.has_value());
+  const auto baseline = *idle;
   {
     std::vector<Connection> clients(50);
     for (std::size_t i = 0; i < clients.size(); ++i)  // every other one opened
