@@ -2,11 +2,15 @@
 # Installs the Debian packages the build needs, only those missing.
 #   scripts/install-deps.sh          the Linux build (g++, CMake, GoogleTest, CUPS)
 #   scripts/install-deps.sh windows  also the Windows cross-build and Wine
+#   scripts/install-deps.sh fuzz     also clang and its libFuzzer runtime
 set -euo pipefail
 
 packages=(g++ cmake make googletest libgtest-dev libcups2-dev cups cups-client cups-bsd)
 if [[ "${1:-}" == windows ]]; then
   packages+=(g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix mingw-w64-x86-64-dev wine wine64)
+fi
+if [[ "${1:-}" == fuzz ]]; then
+  packages+=(clang libclang-rt-14-dev)
 fi
 
 missing=()
