@@ -1,7 +1,7 @@
 // What the server refuses on a served loopback connection, for what the wire tests can't
-// arrange or see from outside: fields without their end, a folder in a file's place, the
-// spool path's bound, a tool that must not run, lengths that must never be allocated (the
-// sanitizer build fails on a huge allocation), records that must be released.
+// arrange or see from outside: the spool path's bound, a tool that must not run, lengths
+// that must never be allocated (the sanitizer build fails on a huge allocation), records
+// that must be released.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -23,11 +23,6 @@ using namespace testing_files;
 using testing_net::Le32;
 using testing_net::Served;
 
-std::string Field(std::string text, std::size_t width) {
-  text.resize(width, '\0');
-  return text;
-}
-
 TEST(Serve, ShortMarkerClosesAtOnce) {
   Served s(false);
   s.Send("\x04\x03");
@@ -43,31 +38,6 @@ TEST(Serve, AnyMarkerButLittleEndianIsBigEndianAndCodesWithoutACommandHaveNoHand
   EXPECT_EQ(GetClientU32(zero, bytes), 0x000009C0u);
   for (int code = 12; code <= 22; ++code) EXPECT_EQ(HandlerFor(code), nullptr) << code;
   for (int code = 24; code <= 255; ++code) EXPECT_EQ(HandlerFor(code), nullptr) << code;
-}
-
-// Each refused like a missing file although a file of that name is there; the stream stays
-// in step.
-TEST(Serve, GamutAndConfigsRefuseFieldsWithoutTheirEndAndFolders) {
-  ScratchFolder gamut;
-  std::snprintf(GamutFolder, sizeof GamutFolder, "%s", gamut.path.string().c_str());
-  const std::string p100(100, 'P'), p80(80, 'P'), e40(40, 'E'), proofs = Field("Proofs", 100);
-  fs::create_directories(gamut.path / "Proofs" / "Dir.gamut");
-  for (const fs::path& folder : {gamut.path / p100, gamut.path / p80, gamut.path / "Proofs"}) {
-    fs::create_directories(folder);
-    WriteFile(folder / "Empty.gamut", "", 0x5F000001);
-    WriteFile(folder / (e40 + ".gamut"), "", 0x5F000001);
-    WriteFile(folder / "A.cfg", "a", 1000);
-  }
-  Served s;
-  const std::string zeros(8, '\0'), empty = Le32(0x5F000001) + Le32(0);
-  EXPECT_EQ(s.Ask("KVT\x04" + p100 + Field("Empty", 40), 8), zeros);
-  EXPECT_EQ(s.Ask("KVT\x04" + proofs + e40, 8), zeros);
-  EXPECT_EQ(s.Ask("KVT\x04" + proofs + Field("Dir", 40), 8), zeros);
-  EXPECT_EQ(s.Ask("KVT\x04" + proofs + Field("Empty", 40), 8), empty);
-  EXPECT_EQ(s.Ask("KVT\x0b" + p80, 4), Le32(0));
-  const std::string listing = Le32(1) + Field(std::string("A\0cfg", 5), 40) + Le32(1) + Le32(0);
-  EXPECT_EQ(s.Ask("KVT\x0b" + Field("Proofs", 80), listing.size()), listing);
-  GamutFolder[0] = '\0';
 }
 
 // The colour tool's stand-in, put where the server looks for the tool, records its calls in

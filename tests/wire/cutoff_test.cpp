@@ -125,6 +125,7 @@ TEST_P(CutTest, BadValuesGetTheirDesignedAnswer) {
   WriteFile(server_->Gamut() / d100 / "In.gamut", "100", kTime);
   WriteFile(server_->Gamut() / c79 / "A.cfg", "a");
   WriteFile(server_->Gamut() / c80 / "A.cfg", "a");
+  fs::create_directories(server_->Gamut() / "Proofs" / "Dir.gamut");
   WriteFile(Spool() / "SixteenCharName.spl", "x");
   WriteFile(Spool() / "SixteenCharNameX.spl", "x");
   const std::string data(5000, 'z'), zero4(4, '\0');
@@ -137,6 +138,8 @@ TEST_P(CutTest, BadValuesGetTheirDesignedAnswer) {
       {"gamut folder without NUL", Frame(4) + Field(d100, 100) + Field("In", 40),
        std::string(8, '\0'), 0},
       {"gamut name without NUL", Frame(4) + Field("Proofs", 100) + std::string(40, 'n'),
+       std::string(8, '\0'), 0},
+      {"gamut name of a folder", Frame(4) + Field("Proofs", 100) + Field("Dir", 40),
        std::string(8, '\0'), 0},
       {"gamut folder of 99", Frame(4) + Field(d99, 100) + Field("In", 40),
        Le32(kTime) + Le32(2) + "99", 0},
