@@ -31,14 +31,12 @@ class FaultTest : public KindTest {
   bool OnWine() const { return GetParam() == Kind::kWine; }
   fs::path Spool() const { return server_->Gamut().parent_path() / "spool"; }
   fs::path Pointer() const { return server_->Gamut() / "../../Velmora/Corvina"; }
-  fs::path Jobfeeder() const { return server_->ToolRecords() / "programs" / Standin().filename(); }
-  fs::path Standin() const {
-    return OnWine() ? fs::path(KVT_WINDOWS_SERVER).parent_path() / "tests/standins/jobfeeder.exe"
-                    : fs::path(KVT_LINUX_JOBFEEDER);
+  fs::path Jobfeeder() const {
+    return server_->ToolRecords() / "programs" / server_->JobfeederStandin().filename();
   }
   // jobfeeder where the pointer file says, the colour tool answering 5.
   void InstallPrograms() {
-    InstallProgram(Standin(), Jobfeeder());
+    InstallProgram(server_->JobfeederStandin(), Jobfeeder());
     WriteFile(Pointer(), (OnWine() ? "Z:" : "") + Jobfeeder().parent_path().string() + "\n");
     server_->InstallTool();
     WriteFile(server_->ToolRecords() / "exit-code", "5");

@@ -290,11 +290,21 @@ void InstallProgram(const fs::path& from, const fs::path& to) {
   fs::copy_file(from, to);
 }
 
+namespace {
+// The Windows build keeps its stand-ins in tests/standins beside kvtnetd.exe.
+fs::path WindowsStandin(const char* name) {
+  return fs::path(KVT_WINDOWS_SERVER).parent_path() / "tests" / "standins" / name;
+}
+}  // namespace
+
 void Server::InstallTool() const {
-  const fs::path standin = kind_ == Kind::kLinux ? fs::path(KVT_LINUX_STANDIN)
-                           : fs::path(KVT_WINDOWS_SERVER).parent_path() / "tests" / "standins" /
-                                 "ShadeProof.exe";
-  InstallProgram(standin, Tool());
+  InstallProgram(kind_ == Kind::kLinux ? fs::path(KVT_LINUX_STANDIN)
+                                       : WindowsStandin("ShadeProof.exe"),
+                 Tool());
+}
+
+fs::path Server::JobfeederStandin() const {
+  return kind_ == Kind::kLinux ? fs::path(KVT_LINUX_JOBFEEDER) : WindowsStandin("jobfeeder.exe");
 }
 
 fs::path Server::TableFolder() const {

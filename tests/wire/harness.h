@@ -88,6 +88,8 @@ class Server {
   fs::path ToolRecords() const { return root_ / "standin"; }
   // Puts the stand-in of this kind's build where the server looks for the tool.
   void InstallTool() const;
+  // The stand-in jobfeeder of this kind's build ("jobfeeder" or "jobfeeder.exe").
+  fs::path JobfeederStandin() const;
   // Where the server stores colour tables: its private temporary folder, as this machine
   // sees it.
   fs::path TableFolder() const;

@@ -30,10 +30,7 @@ class SpoolTest : public ServerSuite {
   void SetUp() override {
     ServerSuite::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
-    const fs::path standin =
-        GetParam() == Kind::kLinux
-            ? fs::path(KVT_LINUX_JOBFEEDER)
-            : fs::path(KVT_WINDOWS_SERVER).parent_path() / "tests/standins/jobfeeder.exe";
+    const fs::path standin = server_->JobfeederStandin();
     if (!fs::exists(standin)) GTEST_SKIP() << standin << " is missing: build its tests first";
     // A blank in the folder: each start must keep the program's path whole.
     const fs::path programs = Records() / "Corvina programs";
