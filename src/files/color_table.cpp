@@ -8,6 +8,7 @@
 #include "platform/spawn.h"
 #include "server/wire.h"
 #include "support/folders.h"
+#include "support/text.h"
 
 namespace kvt {
 

@@ -4,6 +4,7 @@
 #include "files/scan.h"
 #include "platform/files.h"
 #include "server/wire.h"
+#include "support/text.h"
 
 namespace kvt {
 

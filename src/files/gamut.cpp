@@ -6,6 +6,7 @@
 #include "platform/files.h"
 #include "server/wire.h"
 #include "support/log.h"
+#include "support/text.h"
 
 namespace kvt {
 

@@ -1,8 +1,8 @@
 #include "print/handoff.h"
 
-#include "files/commands.h"
 #include "platform/handoff.h"
 #include "support/folders.h"
+#include "support/text.h"
 
 namespace kvt {
 

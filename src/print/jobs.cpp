@@ -4,10 +4,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "files/commands.h"
 #include "files/scan.h"
 #include "platform/spooler.h"
 #include "server/wire.h"
+#include "support/text.h"
 
 namespace kvt {
 

@@ -6,11 +6,11 @@
 #include <mutex>
 #include <utility>
 
-#include "files/commands.h"
 #include "platform/files.h"
 #include "platform/launch.h"
 #include "server/wire.h"
 #include "support/folders.h"
+#include "support/text.h"
 
 namespace kvt {
 

@@ -7,11 +7,11 @@
 #include <cstring>
 #include <ctime>
 
-#include "files/commands.h"
 #include "platform/files.h"
 #include "platform/spooler.h"
 #include "server/wire.h"
 #include "support/folders.h"
+#include "support/text.h"
 
 namespace kvt {
 

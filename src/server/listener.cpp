@@ -1,9 +1,9 @@
-#include <cstdio>
 #include <cstdlib>
 
 #include "server/connection.h"
 #include "support/folders.h"
 #include "support/log.h"
+#include "support/text.h"
 
 namespace kvt {
 
@@ -16,8 +16,7 @@ constexpr int kMaxAddresses = 32;  // more than any pass can use: only 5 slots e
 // A folder text that would not fit is left empty, so that file commands refuse instead of
 // working in a cut path.
 void SetFolder(char (&folder)[256], const char* pattern) {
-  int n = std::snprintf(folder, sizeof folder, pattern, GetAppFolder(3));
-  if (n < 0 || static_cast<std::size_t>(n) >= sizeof folder) folder[0] = '\0';
+  FormatFits(folder, sizeof folder, pattern, GetAppFolder(3));
 }
 
 // Opens a listener on each address of `name` while slots are free. An address already

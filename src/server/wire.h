@@ -1,5 +1,6 @@
 // The wire: exact-length reads and writes, client byte order and the command codes.
 #pragma once
+#include <cstddef>
 #include <cstdint>
 
 #include "server/connection.h"
@@ -26,5 +27,12 @@ void PutClientU32(const ConnectionRecord& record, std::uint8_t bytes[4], std::ui
 // The few integers that are little-endian whatever the marker.
 std::uint32_t GetLe32(const std::uint8_t bytes[4]);
 void PutLe32(std::uint8_t bytes[4], std::uint32_t value);
+
+// True when a fixed-width text field holds its terminator within its width.
+inline bool FieldHasEnd(const char* field, std::size_t width) {
+  for (std::size_t i = 0; i < width; ++i)
+    if (field[i] == '\0') return true;
+  return false;
+}
 
 }  // namespace kvt

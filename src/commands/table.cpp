@@ -1,13 +1,13 @@
-#include "server/dispatch.h"
-
+// The command table. It names the handler of every command, from server/, print/ and files/,
+// so it stands above all of them; the command loop in server/ reaches it through HandlerFor.
 #include <array>
 
 #include "files/commands.h"
 #include "print/handoff.h"
 #include "print/jobs.h"
 #include "print/upload.h"
+#include "server/dispatch.h"
 #include "server/inline_commands.h"
-#include "server/wire.h"
 
 namespace kvt {
 
