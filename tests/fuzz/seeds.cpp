@@ -7,17 +7,14 @@
 #include <utility>
 #include <vector>
 
+#include "toolkit/toolkit.h"
+
 namespace {
 
-std::string Frame(int code) { return std::string("KVT") + char(code); }
-std::string Text(const std::string& text, std::size_t width) {
-  return text.substr(0, width) + std::string(width - std::min(width, text.size()), '\0');
-}
-std::string Le32(std::uint32_t v) {
-  return {char(v), char(v >> 8), char(v >> 16), char(v >> 24)};
-}
+using namespace kvt::test;
+
 std::string Upload(const std::string& name, const std::string& body) {
-  return Frame(3) + Text(name, 16) + Le32(std::uint32_t(body.size())) + body;
+  return Frame(3) + Field(name, 16) + Le32(std::uint32_t(body.size())) + body;
 }
 std::string Table(const std::string& name, const std::string& data) {
   return Frame(23) + Le32(std::uint32_t(name.size())) + name + Le32(std::uint32_t(data.size())) + data;
@@ -28,26 +25,26 @@ std::string Table(const std::string& name, const std::string& data) {
 int main(int argc, char** argv) {
   if (argc != 2) return 2;
   const std::string header = "Proof.pdf" + std::string(1239, '\0');
-  const std::string gamut = Frame(4) + Text("Proofs", 100);
+  const std::string gamut = Frame(4) + Field("Proofs", 100);
   const std::vector<std::pair<const char*, std::string>> seeds = {
       {"close", Frame(0)},
       {"ignored-codes", Frame(12) + Frame(22) + Frame(255) + Frame(0)},
       {"wrong-magic", "KVU" + std::string(1, '\0')},
       {"jobs-and-references",
-       Frame(1) + Frame(6) + Text("*0-7", 16) + Frame(6) + Text("*1-9", 16) + Frame(6) +
-           Text("*5-1", 16) + Frame(1) + Frame(0)},
+       Frame(1) + Frame(6) + Field("*0-7", 16) + Frame(6) + Field("*1-9", 16) + Frame(6) +
+           Field("*5-1", 16) + Frame(1) + Frame(0)},
       {"lists", Frame(2) + Frame(10) + Frame(0)},
       {"name-upload-list-cancel",
        Frame(5) + Upload("123456789012346", header + "data") + Frame(1) +
-           Frame(6) + Text("123456789012346", 16) + Frame(0)},
+           Frame(6) + Field("123456789012346", 16) + Frame(0)},
       {"upload-short-and-existing", Upload("Tiny", "x") + Upload("Short", "again") + Frame(0)},
-      {"upload-huge-length", Frame(3) + Text("Huge", 16) + Le32(0xFFFFFFFFu) + "abc"},
-      {"gamut", gamut + Text("Over", 40) + gamut + Text("Empty", 40) + gamut + Text("Missing", 40)},
-      {"configs", Frame(11) + Text("Proofs", 80) + Frame(11) + Text("None", 80) + Frame(0)},
+      {"upload-huge-length", Frame(3) + Field("Huge", 16) + Le32(0xFFFFFFFFu) + "abc"},
+      {"gamut", gamut + Field("Over", 40) + gamut + Field("Empty", 40) + gamut + Field("Missing", 40)},
+      {"configs", Frame(11) + Field("Proofs", 80) + Frame(11) + Field("None", 80) + Frame(0)},
       {"color-table", Table("Table A", "0123456789abcdef") + Table("", "") + Frame(0)},
       {"color-table-huge", Frame(23) + Le32(5) + "Table" + Le32(0xFFFFFFF0u) + "abc"},
-      {"delete", Frame(7) + Text("Corvina/PrinterList", 512) + Frame(6) + Text("Short", 16)},
-      {"quit", Frame(9) + Text("a", 80) + Text("b", 80)},
+      {"delete", Frame(7) + Field("Corvina/PrinterList", 512) + Frame(6) + Field("Short", 16)},
+      {"quit", Frame(9) + Field("a", 80) + Field("b", 80)},
       {"handoff", Frame(8) + "e"},
   };
   // Each also from a big-endian client, whose lengths then read differently.

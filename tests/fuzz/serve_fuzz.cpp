@@ -18,6 +18,7 @@
 
 #include "server/connection.h"
 #include "spooler_double.h"
+#include "toolkit/toolkit.h"
 
 namespace fs = std::filesystem;
 
@@ -25,10 +26,7 @@ namespace {
 
 fs::path root;  // everything the server may touch lies below root/data and root/tmp
 
-void Write(const fs::path& file, const std::string& content) {
-  fs::create_directories(file.parent_path());
-  std::ofstream(file, std::ios::binary) << content;
-}
+using kvt::test::WriteFile;
 
 // A conversation may delete, add or replace any of these files.
 void MakeData() {
@@ -39,17 +37,17 @@ void MakeData() {
   for (const auto& entry : fs::directory_iterator(root / "tmp" / "Velmora")) fs::remove_all(entry);
   std::string header(1248, '\0');
   header.replace(0, 9, "Proof.pdf");
-  Write(corvina / "spool" / "123456789012345.spl", header + "body");
-  Write(corvina / "spool" / "Short.spl", "only a few bytes");
-  Write(gamut / "Proofs" / "Over.gamut", std::string(9000, 'g'));
-  Write(gamut / "Proofs" / "Empty.gamut", "");
-  Write(gamut / "Proofs" / "Matte.cfg", "matte");
-  Write(gamut / "Proofs" / "Paper.matte.cfg", "pap");
-  Write(gamut / "Proofs" / "Paper.icc", "");
-  Write(gamut / "Proofs" / "Glossy.icm", "");
-  Write(corvina / "PrinterList", "A123456789");
-  Write(corvina / "ScannerList", std::string("\0xy", 3));
-  Write(data / "Velmora" / "Corvina", (root / "corvina").string() + "\n");
+  WriteFile(corvina / "spool" / "123456789012345.spl", header + "body");
+  WriteFile(corvina / "spool" / "Short.spl", "only a few bytes");
+  WriteFile(gamut / "Proofs" / "Over.gamut", std::string(9000, 'g'));
+  WriteFile(gamut / "Proofs" / "Empty.gamut", "");
+  WriteFile(gamut / "Proofs" / "Matte.cfg", "matte");
+  WriteFile(gamut / "Proofs" / "Paper.matte.cfg", "pap");
+  WriteFile(gamut / "Proofs" / "Paper.icc", "");
+  WriteFile(gamut / "Proofs" / "Glossy.icm", "");
+  WriteFile(corvina / "PrinterList", "A123456789");
+  WriteFile(corvina / "ScannerList", std::string("\0xy", 3));
+  WriteFile(data / "Velmora" / "Corvina", (root / "corvina").string() + "\n");
 }
 
 bool Inside(const char* path, const char* folder) {

@@ -6,10 +6,11 @@
 #include <string>
 #include <thread>
 
-#include "../unit/loopback.h"
+#include "client/print_client.h"
 #include "print/jobs.h"
 #include "server/inline_commands.h"
 #include "spooler_double.h"
+#include "toolkit/loopback.h"
 
 namespace kvt {
 namespace {
@@ -18,11 +19,7 @@ namespace fake = spooler::fake;
 using fake::FakeJob;
 using fake::FakePrinter;
 
-std::string Field(const std::string& record, std::size_t offset, std::size_t width) {
-  std::string field = record.substr(offset, width);
-  return field.substr(0, field.find('\0'));
-}
-std::string JobName(const std::string& record) { return Field(record, 922, 36); }
+std::string JobName(const std::string& record) { return client::ParseJobRecord(record).jobName; }
 
 // The handlers run on the test's thread with the server's end of a loopback connection.
 class JobsTest : public ::testing::Test {
@@ -95,7 +92,7 @@ TEST_F(JobsTest, StatusTableAndRecordFieldsBigEndian) {
     if (cases[id].code < 0) continue;  // the next job's record takes its place
     ASSERT_LT(r, records.size());
     EXPECT_EQ(std::uint8_t(records[r][1]), cases[id].code) << id;
-    EXPECT_EQ(Field(records[r], 82, 80), cases[id].words) << id;
+    EXPECT_EQ(client::ParseJobRecord(records[r]).statusText, cases[id].words) << id;
     EXPECT_EQ(JobName(records[r++]), "*0-" + std::to_string(id));
   }
   ASSERT_EQ(records.size(), r + 2);
@@ -112,7 +109,7 @@ TEST_F(JobsTest, StatusTableAndRecordFieldsBigEndian) {
   put(1022, std::string(63, 'u'));
   EXPECT_EQ(records[r], expected);  // every other byte is zero
   EXPECT_EQ(JobName(records[r + 1]), "*1--5");
-  EXPECT_EQ(Field(records[r + 1], 958, 64), "");  // a machine name shorter than two characters
+  EXPECT_EQ(client::ParseJobRecord(records[r + 1]).machineName, "");  // a machine name shorter than two characters
 }
 
 TEST_F(JobsTest, LimitsAndFailuresOfPrinters) {
@@ -159,7 +156,7 @@ TEST_F(JobsTest, FailedPrinterListingAndMoreThan256Printers) {
   std::vector<std::string> records = List();
   ASSERT_EQ(records.size(), 256u);
   EXPECT_EQ(JobName(records[255]), "*255-255");
-  EXPECT_EQ(Field(records[255], 162, 80), "P255");
+  EXPECT_EQ(client::ParseJobRecord(records[255]).printerName, "P255");
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 // Stand-in for the print-feeding program, for tests. Each start appends a line to
 // "jobfeeder-starts" in the folder named by KVT_STANDIN_DIR: the time in milliseconds since
 // 1970, then each argument after the program's own name, each after a tab. Without "-l" it
-// then stays for the milliseconds in that folder's "jobfeeder-stay-ms" (none: it exits).
+// then stays while that folder holds "jobfeeder-hold" (at most a minute) and, if it stayed,
+// appends its end to "jobfeeder-ends" before it exits.
 // Without KVT_STANDIN_DIR it records nothing.
 // With "-l" it takes the connection from the record on its standard input, sends "JOBFEED\n",
 // echoes one byte from the client and exits.
@@ -71,13 +72,13 @@ Socket TakeSocket() {
 void CloseSocket(Socket s) { close(s); }
 #endif
 
-void RecordStart(const std::string& folder, int argc, char** argv) {
+void Record(const std::string& file, int argc, char** argv) {
   using namespace std::chrono;
   auto ms = duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
   std::string line = std::to_string(ms);
   for (int i = 1; i < argc; ++i) line += std::string("\t") + argv[i];
   line += "\n";
-  if (std::FILE* out = std::fopen((folder + "/jobfeeder-starts").c_str(), "ab")) {
+  if (std::FILE* out = std::fopen(file.c_str(), "ab")) {
     std::fwrite(line.data(), 1, line.size(), out);
     std::fclose(out);
   }
@@ -88,16 +89,18 @@ void RecordStart(const std::string& folder, int argc, char** argv) {
 int main(int argc, char** argv) {
   const char* dir = std::getenv("KVT_STANDIN_DIR");
   const std::string folder = dir != nullptr ? dir : "";
-  if (!folder.empty()) RecordStart(folder, argc, argv);
+  if (!folder.empty()) Record(folder + "/jobfeeder-starts", argc, argv);
   if (argc < 2 || std::string(argv[1]) != "-l") {
-    int stay = 0;
-    std::FILE* in =
-        folder.empty() ? nullptr : std::fopen((folder + "/jobfeeder-stay-ms").c_str(), "rb");
-    if (in != nullptr) {
-      if (std::fscanf(in, "%d", &stay) != 1) stay = 0;
-      std::fclose(in);
+    if (folder.empty()) return 0;
+    const std::string hold = folder + "/jobfeeder-hold";
+    bool stayed = false;
+    for (int i = 0; i < 3000; ++i, stayed = true) {
+      std::FILE* held = std::fopen(hold.c_str(), "rb");
+      if (held == nullptr) break;
+      std::fclose(held);
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(stay));
+    if (stayed) Record(folder + "/jobfeeder-ends", 1, argv);
     return 0;
   }
   Socket s = TakeSocket();

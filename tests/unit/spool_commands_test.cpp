@@ -2,26 +2,24 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "files_helpers.h"
 #include "print/upload.h"
+#include "toolkit/toolkit.h"
 
 namespace kvt {
 namespace {
 
-using namespace testing_files;
+using namespace test;
 
-// Scratch paths hold the test's name: the names are short, for the path bounds.
 TEST(Launch, RunProgram) {
   const char* records = std::getenv("KVT_STANDIN_DIR");
   if (records == nullptr) GTEST_SKIP() << "run through ctest: needs KVT_STANDIN_DIR";
-  const fs::path starts = fs::path(records) / "jobfeeder-starts", standin = KVT_STANDIN_JOBFEEDER;
+  const StandinRecords standins(records);
+  const fs::path standin = KVT_STANDIN_JOBFEEDER;
   fs::create_directories(records);
-  fs::remove(starts);
+  standins.Clear();
   ScratchFolder scratch;
   // The stand-in, named without its extension: on Windows the start completes it.
   auto place = [&](const fs::path& folder) {
@@ -29,10 +27,10 @@ TEST(Launch, RunProgram) {
     fs::copy_file(standin, folder / standin.filename());
     return (folder / "jobfeeder").string();
   };
-  const std::string blanks = place(scratch.path / "a folder");
-  const std::size_t room = kMaxProgramPath - scratch.path.string().size() - 11;  // 2 "/", name
-  const std::string longest = place(scratch.path / std::string(room, 'p'));
-  const std::string over = place(scratch.path / std::string(room + 1, 'p'));
+  const std::string blanks = place(scratch.path() / "a folder");
+  const std::size_t room = kMaxProgramPath - scratch.path().string().size() - 11;  // 2 "/", name
+  const std::string longest = place(scratch.path() / std::string(room, 'p'));
+  const std::string over = place(scratch.path() / std::string(room + 1, 'p'));
   ASSERT_EQ(longest.size(), kMaxProgramPath);
 
   EXPECT_GE(RunProgram(blanks.c_str(), "two words", "", nullptr), 0);
@@ -51,15 +49,7 @@ TEST(Launch, RunProgram) {
   EXPECT_EQ(RunProgram(blanks.c_str(), "say \"hi\"", nullptr), -1);
   EXPECT_EQ(RunProgram(blanks.c_str(), "C:\\folder\\", nullptr), -1);
 
-  // The stand-in's lines: the time, then each argument after a tab.
-  std::vector<std::string> lines;
-  for (int wait = 0; wait < 1000 && lines.size() < 3; ++wait) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    std::istringstream text(ReadFile(starts));
-    lines.clear();
-    for (std::string line; std::getline(text, line);)
-      lines.push_back(line.substr(std::min(line.find('\t'), line.size())));
-  }
+  std::vector<std::string> lines = standins.WaitForStarts(3);
   std::sort(lines.begin(), lines.end());  // they run at the same time
   EXPECT_EQ(lines, (std::vector<std::string>{"", sixty, "\ttwo words\t"}));
 }

@@ -32,17 +32,17 @@ class FaultTest : public KindTest {
   fs::path Spool() const { return server_->Gamut().parent_path() / "spool"; }
   fs::path Pointer() const { return server_->Gamut() / "../../Velmora/Corvina"; }
   fs::path Jobfeeder() const {
-    return server_->ToolRecords() / "programs" / server_->JobfeederStandin().filename();
+    return server_->Records().folder() / "programs" / server_->JobfeederStandin().filename();
   }
   // jobfeeder where the pointer file says, the colour tool answering 5.
   void InstallPrograms() {
     InstallProgram(server_->JobfeederStandin(), Jobfeeder());
     WriteFile(Pointer(), (OnWine() ? "Z:" : "") + Jobfeeder().parent_path().string() + "\n");
     server_->InstallTool();
-    WriteFile(server_->ToolRecords() / "exit-code", "5");
+    WriteFile(server_->Records().folder() / "exit-code", "5");
   }
   std::size_t Starts() const {
-    const std::string starts = ReadFile(server_->ToolRecords() / "jobfeeder-starts");
+    const std::string starts = ReadFile(server_->Records().folder() / "jobfeeder-starts");
     return std::size_t(std::count(starts.begin(), starts.end(), '\n'));
   }
   // The answer to a whole upload (the opening byte first).

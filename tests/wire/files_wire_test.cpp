@@ -98,7 +98,7 @@ TEST_P(FilesTest, ConfigurationListing) {
 
 TEST_P(FilesTest, ColorTableRegistration) {
   server_->InstallTool();
-  const fs::path records = server_->ToolRecords();
+  const fs::path records = server_->Records().folder();
   auto exitWith = [&](int code) { WriteFile(records / "exit-code", std::to_string(code)); };
   fs::path stored;  // the stored files' folder, as this machine sees it
   // Checks the tool's last call (a program path with blanks may come split into several

@@ -16,6 +16,7 @@
 #include <sstream>
 #include <thread>
 
+#include "client/spool_client.h"
 #include "platform/net.h"
 
 extern char** environ;
@@ -108,10 +109,9 @@ client::Connection Opened(const client::Marker& marker) {
 }
 
 void ExpectWaiting(client::Connection& c) {
-  std::uint8_t byte;
-  c.SetTimeout(300);
-  EXPECT_EQ(c.RecvBytes(&byte, 1), client::Status::kTimedOut) << c.error();
-  c.SetTimeout(client::kDefaultTimeoutMs);
+  ASSERT_TRUE(c.SendFrame(kvt::CMD_NEW_JOB_NAME)) << c.error();
+  const std::string name = Receive(c, 16);
+  EXPECT_TRUE(std::regex_match(name, std::regex(std::string("[0-9]{15}") + '\0'))) << name;
 }
 
 std::string Receive(client::Connection& c, std::size_t count) {
@@ -121,9 +121,24 @@ std::string Receive(client::Connection& c, std::size_t count) {
 }
 
 std::string AnswerOfCutRequest(const std::string& request) {
+  return AnswerOf("\x04\x03\x02\x01" + request);
+}
+
+std::optional<bool> Upload(client::Connection& c, std::string_view name, const std::string& body) {
+  std::size_t at = 0;
+  auto source = [&](char* buffer, std::size_t size) {
+    const std::size_t n = body.copy(buffer, size, at);
+    return at += n, n;
+  };
+  std::string error;
+  auto stored = client::UploadSpool(c, name, std::uint32_t(body.size()), source, {}, &error);
+  EXPECT_TRUE(stored.has_value()) << error;
+  return stored;
+}
+
+std::string AnswerOf(const std::string& bytes) {
   int error = 0;
   const net::Socket s = net::Connect("127.0.0.1", 51470, &error);
-  const std::string bytes = "\x04\x03\x02\x01" + request;
   std::string answer;
   char buffer[16];
   if (s != net::kNoSocket && net::SetRecvTimeout(s, 20000) &&
@@ -163,48 +178,6 @@ void ServerSuite::TearDownTestSuite() {
   startError_.clear();
 }
 
-bool WaitUntil(const std::function<bool()>& done, Milliseconds limit) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() >= end) return done();
-    std::this_thread::sleep_for(20ms);
-  }
-  return true;
-}
-
-std::string ReadFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void SetTime(const fs::path& file, std::uint32_t mtime) {
-  using namespace std::chrono;
-  fs::last_write_time(file, file_clock::from_sys(sys_seconds{seconds{mtime}}));
-}
-
-void WriteFile(const fs::path& file, std::string_view content, std::optional<std::uint32_t> mtime) {
-  fs::create_directories(file.parent_path());
-  std::ofstream(file, std::ios::binary) << content;
-  if (mtime) SetTime(file, *mtime);
-}
-
-std::string Pattern(std::size_t count, int seed) {
-  std::string bytes(count, '\0');
-  for (std::size_t i = 0; i < count; ++i) bytes[i] = static_cast<char>(i * 7 + i / 251 + seed);
-  return bytes;
-}
-
-std::string Le32(std::uint32_t value) {
-  std::string bytes(4, '\0');
-  for (int i = 0; i < 4; ++i) bytes[i] = static_cast<char>(value >> 8 * i);
-  return bytes;
-}
-
-std::string Field(std::string text, std::size_t width) {
-  text.resize(width, '\0');
-  return text;
-}
-
 std::tuple<long, long, int> Holdings(pid_t pid) {
   const fs::path proc = "/proc/" + std::to_string(pid);
   auto count = [](const fs::path& dir) {
@@ -241,6 +214,17 @@ std::optional<std::tuple<long, long, int>> IdleHoldings(pid_t pid) {
   return idle;
 }
 
+void ExpectSettled(pid_t pid, const std::tuple<long, long, int>& idle) {
+  auto [threads, descriptors, children] = idle;
+  auto now = idle;
+  EXPECT_TRUE(WaitUntil([&] {
+    now = Holdings(pid);
+    return std::get<0>(now) <= threads + KVT_SANITIZER_THREADS && std::get<1>(now) <= descriptors &&
+           std::get<2>(now) == children;
+  })) << "threads, descriptors, children " << ::testing::PrintToString(now) << ", idle "
+      << ::testing::PrintToString(idle);
+}
+
 Outcome RunKvtctl(const std::vector<std::string>& args, const std::vector<std::string>& env) {
   const fs::path cwd = MakeTempFolder();
   std::vector<std::string> argv{KVT_KVTCTL};
@@ -260,7 +244,7 @@ Server::Server(Kind kind)
       data_(root_ / "data"),
       programs_(root_ / "programs") {
   fs::create_directories(cwd_);
-  fs::create_directories(ToolRecords());
+  fs::create_directories(Records().folder());
   // The folders the file commands work in, fresh for each server. Under Wine they are the
   // prefix's own; its temporary folder is Wine's too.
   if (kind_ == Kind::kWine) {
@@ -284,12 +268,6 @@ Server::~Server() {
   }
 }
 
-void InstallProgram(const fs::path& from, const fs::path& to) {
-  fs::create_directories(to.parent_path());
-  fs::remove(to);
-  fs::copy_file(from, to);
-}
-
 namespace {
 // The Windows build keeps its stand-ins in tests/standins beside kvtnetd.exe.
 fs::path WindowsStandin(const char* name) {
@@ -307,6 +285,13 @@ fs::path Server::JobfeederStandin() const {
   return kind_ == Kind::kLinux ? fs::path(KVT_LINUX_JOBFEEDER) : WindowsStandin("jobfeeder.exe");
 }
 
+fs::path Server::InstallJobfeeder(const fs::path& folder) const {
+  const fs::path installed = folder / JobfeederStandin().filename();
+  InstallProgram(JobfeederStandin(), installed);
+  WriteFile(Pointer(), ServerPath(folder) + "\n");
+  return installed;
+}
+
 fs::path Server::TableFolder() const {
   if (kind_ == Kind::kLinux) return root_ / "Velmora";  // TMPDIR is the root
   return data_.parent_path() / "users" / ::getpwuid(::geteuid())->pw_name / "Temp" / "Velmora";
@@ -318,6 +303,10 @@ fs::path Server::HostPath(std::string serverPath) const {
   return data_.parent_path() / serverPath.substr(3);  // the prefix's drive_c
 }
 
+std::string Server::ServerPath(const fs::path& path) const {
+  return (kind_ == Kind::kWine ? "Z:" : "") + path.string();
+}
+
 Milliseconds Server::Patience() const { return kind_ == Kind::kWine ? 30s : 10s; }
 
 std::string Server::Start(const std::vector<std::string>& args) {
@@ -326,10 +315,10 @@ std::string Server::Start(const std::vector<std::string>& args) {
   if (kind_ == Kind::kLinux) {
     argv = {KVT_LINUX_SERVER};
     extra = {"ProgramData=" + data_.string(), "ProgramFiles=" + programs_.string(),
-             "TMPDIR=" + root_.string(), "KVT_STANDIN_DIR=" + ToolRecords().string()};
+             "TMPDIR=" + root_.string(), "KVT_STANDIN_DIR=" + Records().folder().string()};
   } else {
     argv = {"wine", KVT_WINDOWS_SERVER};
-    extra = {"KVT_STANDIN_DIR=Z:" + ToolRecords().string()};  // Wine passes it through
+    extra = {"KVT_STANDIN_DIR=" + ServerPath(Records().folder())};  // Wine passes it through
     if (std::getenv("WINEDEBUG") == nullptr) extra.push_back("WINEDEBUG=-all");
   }
   argv.insert(argv.end(), args.begin(), args.end());

@@ -18,11 +18,11 @@
 #include <vector>
 
 #include "client/client.h"
+#include "toolkit/toolkit.h"
 
 namespace kvt::wire {
 
-namespace fs = std::filesystem;
-using Milliseconds = std::chrono::milliseconds;
+using namespace ::kvt::test;
 
 enum class Kind { kLinux, kWine };
 inline void PrintTo(Kind kind, std::ostream* out) {
@@ -32,30 +32,15 @@ inline void PrintTo(Kind kind, std::ostream* out) {
 // Why a server of this kind cannot run here; empty when it can.
 std::string Unavailable(Kind kind);
 
-// Polls `done` until it holds or `limit` has passed; the last answer.
-bool WaitUntil(const std::function<bool()>& done, Milliseconds limit);
-
-std::string ReadFile(const fs::path& path);
-// Sets a file's modification time (seconds since 1970 UTC).
-void SetTime(const fs::path& file, std::uint32_t mtime);
-// Writes `content` (creating the folder), and sets the modification time when one is given.
-void WriteFile(const fs::path& file, std::string_view content,
-               std::optional<std::uint32_t> mtime = std::nullopt);
-// `count` bytes that seldom repeat, different for each seed.
-std::string Pattern(std::size_t count, int seed = 0);
-// Copies a program to `to` (creating the folder). A copy there that an earlier test started
-// may still run, and writing over a running program fails: it is removed first.
-void InstallProgram(const fs::path& from, const fs::path& to);
-// A 32-bit value little-endian, and a text NUL-padded (or cut) to a field's width.
-std::string Le32(std::uint32_t value);
-std::string Field(std::string text, std::size_t width);
-
 // The threads, open descriptors and child processes (zombies among them) of a Linux process.
 std::tuple<long, long, int> Holdings(pid_t pid);
 // A Linux server's holdings while no client is connected, taken once a connection has been
 // made and has ended: ThreadSanitizer's runtime starts a thread of its own with the first
 // connection's thread, and then belongs to the baseline. None when the server does not settle.
 std::optional<std::tuple<long, long, int>> IdleHoldings(pid_t pid);
+// Waits until a Linux server holds no more than `idle` (children exactly as many); a failed
+// expectation naming both when it does not within the deadline.
+void ExpectSettled(pid_t pid, const std::tuple<long, long, int>& idle);
 
 // A program run: exit status (128 + signal when killed) and what it printed.
 struct Outcome {
@@ -85,19 +70,27 @@ class Server {
   // Where the server looks for the colour tool, and the folder in which the stand-ins
   // record their calls (KVT_STANDIN_DIR in the server's environment).
   fs::path Tool() const { return programs_ / "KVT" / "ShadeProof" / "ShadeProof.exe"; }
-  fs::path ToolRecords() const { return root_ / "standin"; }
+  StandinRecords Records() const { return StandinRecords(root_ / "standin"); }
   // Puts the stand-in of this kind's build where the server looks for the tool.
   void InstallTool() const;
   // The stand-in jobfeeder of this kind's build ("jobfeeder" or "jobfeeder.exe").
   fs::path JobfeederStandin() const;
+  // Puts that stand-in into `folder` and points the pointer file of "Corvina" there; the
+  // installed program's path.
+  fs::path InstallJobfeeder(const fs::path& folder) const;
+  fs::path Corvina() const { return data_ / "Corvina"; }
+  fs::path Spool() const { return Corvina() / "spool"; }
+  fs::path Pointer() const { return data_ / "Velmora" / "Corvina"; }
   // Where the server stores colour tables: its private temporary folder, as this machine
   // sees it.
   fs::path TableFolder() const;
   // Programs that the server is started through, each of which ends by running the rest of
   // the command (prlimit, unshare): a limit or a mount namespace for the server alone.
   void WrapWith(std::vector<std::string> wrapper) { wrapper_ = std::move(wrapper); }
-  // A path as the server names it, as a path of this machine (Wine's C: drive mapped).
+  // A path as the server names it, as a path of this machine (Wine's C: drive mapped), and
+  // a path of this machine as the server names it (Wine's Z: drive).
   fs::path HostPath(std::string serverPath) const;
+  std::string ServerPath(const fs::path& path) const;
 
   // Spawns the program with these arguments; empty on success, else why not.
   std::string Start(const std::vector<std::string>& args);
@@ -118,13 +111,19 @@ class Server {
 
 // A connection that has done the opening exchange (a failed expectation when it can't).
 client::Connection Opened(const client::Marker& marker = client::kLittleEndianMarker);
-// Nothing arrives and the connection stays open: the server waits for the next frame.
+// Nothing has arrived and the server serves the next frame: a fresh job name is the first
+// thing to come.
 void ExpectWaiting(client::Connection& c);
 // Exactly `count` bytes of an answer (a failed expectation when they don't come).
 std::string Receive(client::Connection& c, std::size_t count);
-// Sends the little-endian marker and `request`, then half-closes: all the server sends
-// until it closes the connection, the opening byte first.
+// Sends `bytes` on a new connection, then half-closes: all the server sends until it closes
+// the connection. AnswerOfCutRequest puts the little-endian marker first, so that its
+// answer starts with the opening byte.
+std::string AnswerOf(const std::string& bytes);
 std::string AnswerOfCutRequest(const std::string& request);
+// An upload of `body` under `name` through the client library: true when stored, false when
+// refused, none (with a failed expectation) when the exchange broke.
+std::optional<bool> Upload(client::Connection& c, std::string_view name, const std::string& body);
 
 // Tests of one server kind; they skip when the kind can't run here.
 class KindTest : public ::testing::TestWithParam<Kind> {

@@ -48,7 +48,7 @@ class SpoolTest : public ServerSuite {
   static fs::path Pointer() {
     return server_->Gamut().parent_path().parent_path() / "Velmora/Corvina";
   }
-  static fs::path Records() { return server_->ToolRecords(); }
+  static fs::path Records() { return server_->Records().folder(); }
 
   // The stand-in's starts, once `count` are recorded (or the server's patience is spent):
   // the arguments of each, each after a tab.

@@ -3,7 +3,6 @@
 #pragma once
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -14,11 +13,6 @@
 #include "server/wire.h"
 
 namespace kvt::testing_net {
-
-inline std::string Le32(std::uint32_t v) {
-  const char b[4] = {char(v), char(v >> 8), char(v >> 16), char(v >> 24)};
-  return std::string(b, 4);
-}
 
 struct Loopback {
   Loopback() {
