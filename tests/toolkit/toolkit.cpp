@@ -61,7 +61,7 @@ void InstallProgram(const fs::path& from, const fs::path& to) {
 std::set<std::string> Listing(const fs::path& folder) {
   std::set<std::string> names;
   std::error_code missing;
-  for (const auto& entry : fs::directory_iterator(folder, missing)) names.insert(entry.path().filename());
+  for (const auto& entry : fs::directory_iterator(folder, missing)) names.insert(entry.path().filename().string());
   return names;
 }
 

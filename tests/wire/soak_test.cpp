@@ -50,13 +50,7 @@ std::string Request(Connection& c, Op op, std::mt19937& random) {
     case kUpload: {
       const auto name = client::FreshJobName(c);
       const std::string body = "Soak.pdf" + Pattern(1240 + random() % 30000, int(random()));
-      std::size_t at = 0;
-      auto source = [&](char* buffer, std::size_t size) {
-        const std::size_t n = body.copy(buffer, size, at);
-        return at += n, n;
-      };
-      if (!name || client::UploadSpool(c, *name, std::uint32_t(body.size()), source, {}, &e) != true)
-        return "upload " + e + c.error();
+      if (!name || Upload(c, *name, body) != true) return "upload " + c.error();
       return client::CancelJobOrSpoolFile(c, *name) == 1 ? "" : "delete " + c.error();
     }
     case kGamut: {
@@ -111,14 +105,12 @@ class SoakTest : public KindTest {};
 
 TEST_P(SoakTest, ManyClientsEveryCommand) {
   Server server(GetParam());
-  const fs::path corvina = server.Gamut().parent_path(), programs = server.cwd() / "programs";
   WriteFile(server.Gamut() / "Proofs" / "Over.gamut", kGamutContent);
   WriteFile(server.Gamut() / "Proofs" / "Matte.cfg", "matte");
   WriteFile(server.Gamut() / "Proofs" / "Paper.cfg", "paper");
-  WriteFile(corvina / "PrinterList", "A123456789");
-  WriteFile(corvina / "ScannerList", "Sxy");
-  WriteFile(corvina.parent_path() / "Velmora" / "Corvina", programs.string() + "\n");
-  InstallProgram(KVT_LINUX_JOBFEEDER, programs / "jobfeeder");
+  WriteFile(server.Corvina() / "PrinterList", "A123456789");
+  WriteFile(server.Corvina() / "ScannerList", "Sxy");
+  server.InstallJobfeeder(server.cwd() / "programs");
   server.InstallTool();
   ASSERT_EQ(server.StartListening(), "");
   const auto idle = IdleHoldings(server.pid());
