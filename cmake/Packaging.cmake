@@ -17,6 +17,8 @@ function(kvt_install_program target section)
     install(TARGETS ${target} RUNTIME DESTINATION .)
     return()
   endif()
+  # Relocations resolved and made read-only at start (Debian's hardening, lintian's bindnow).
+  target_link_options(${target} PRIVATE -Wl,-z,relro,-z,now)
   if(section STREQUAL "8")
     install(TARGETS ${target} RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
   else()

@@ -60,9 +60,10 @@ else
   echo "# no systemd: the server runs through setpriv; the sandbox is NOT exercised"
   (cd $data && exec setpriv --reuid=kvtnetd --regid=kvtnetd --init-groups --no-new-privs \
      --bounding-set=-all env -i PATH=/usr/bin:/bin ProgramData=$data /usr/sbin/kvtnetd) &
+  pid=$!
   check "the server answers" wait_for kvtctl ping
 fi
-pid=$(pgrep -x kvtnetd | head -n 1)
+[ "$mode" = nspawn ] && pid=$(systemctl show -P MainPID kvtnetd)
 check "the server runs as kvtnetd, not root ($(ps -o user=,group= -p "$pid"))" \
   test "$(ps -o user= -p "$pid")" = kvtnetd
 grep -E '^(Uid|Gid|Groups|CapEff|NoNewPrivs|Seccomp):' /proc/"$pid"/status
@@ -162,7 +163,8 @@ dpkg -L kvtnetd >/tmp/files.txt
 [ "$mode" = chroot ] && kill "$pid"
 apt-get remove -y -q kvtnetd >/tmp/apt-remove.log 2>&1 || { cat /tmp/apt-remove.log; bad "apt-get remove"; }
 [ "$mode" = nspawn ] && check "removal stopped the service" sh -c '! systemctl is-active -q kvtnetd'
-check "removal left no server process" sh -c '! pgrep -x kvtnetd >/dev/null'
+[ "$mode" = chroot ] && wait "$pid"
+check "removal left no server process" sh -c "! kill -0 $pid 2>/dev/null"
 left=$(while read -r f; do [ -d "$f" ] || [ ! -e "$f" ] || echo "$f"; done </tmp/files.txt)
 check "removal left none of the package's files${left:+: $left}" test -z "$left"
 check "removal left no enablement link" \
