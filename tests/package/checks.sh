@@ -38,6 +38,9 @@ KVT_CUPS_STOCK=1 sh $pkg/cups-fixture.sh up /run/cups >/dev/null ||
 useradd -M alice && useradd -M bob
 as alice lp -d KvtProofA -H hold -t alice-payroll /etc/hostname >/dev/null
 as bob lp -d KvtProofB -H hold -t bob-contract /etc/hostname >/dev/null
+# The control: outside lpadmin, the scheduler hides the owner of someone else's job.
+check "the scheduler hides bob's job from alice" \
+  sh -c 'setpriv --reuid=alice --regid=alice --clear-groups lpstat -W not-completed -o | grep -Eq "^KvtProofB-[0-9]+ +unknown "'
 
 # Installed with the package manager, as an operator would. This machine's tree carries a
 # container's policy-rc.d that forbids starting services (the maintainer scripts obey it);
