@@ -161,6 +161,15 @@ PY
     bad "address rule"
 fi
 
+# A reinstall (the upgrade path of the scripts) restarts the service.
+if [ "$mode" = nspawn ]; then
+  before=$(systemctl show -P MainPID kvtnetd)
+  apt-get install --reinstall -y -q "$pkg"/kvtnetd_*_amd64.deb >/tmp/apt-reinstall.log 2>&1 ||
+    { cat /tmp/apt-reinstall.log; bad "apt-get install --reinstall"; }
+  check "a reinstall restarted the service" wait_for sh -c \
+    "systemctl is-active -q kvtnetd && [ \"\$(systemctl show -P MainPID kvtnetd)\" != $before ]"
+fi
+
 # Removal: the service stops, the package's files go, the data folder stays.
 dpkg -L kvtnetd >/tmp/files.txt
 [ "$mode" = chroot ] && kill "$pid"
