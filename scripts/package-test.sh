@@ -28,8 +28,11 @@ echo "== $deb"
 dpkg-deb -I "$deb" | sed -n '/Depends/p'
 
 echo "== lintian"
-lintian --fail-on error,warning "$deb" 2>&1 | grep -v "running with root privileges" || true
-lintian --fail-on error,warning "$deb" >/dev/null 2>&1 || { echo "lintian: errors or warnings"; exit 1; }
+code=0
+report=$(lintian --fail-on error,warning "$deb" 2>&1) || code=$?
+grep -v "running with root privileges" <<<"$report" || true
+[[ $code == 0 ]] || { echo "lintian: errors or warnings (docs/deployment.md lists what may stay)"; exit 1; }
+echo "lintian: no errors, no warnings"
 
 echo "== man pages"
 for page in build/linux/man/*.[18]; do
