@@ -3,6 +3,8 @@
 # Unix-domain socket in DIR, no TCP port, two raw queues that print to /dev/null.
 #   cups-fixture.sh up DIR     start it (the tests reach it with CUPS_SERVER=DIR/cups.sock)
 #   cups-fixture.sh down DIR   stop it and remove DIR
+# With KVT_CUPS_STOCK=1 it keeps Debian's stock policy and system group (root lpadmin)
+# instead of the open policy: the package test proves the service's lpadmin membership.
 # Without cupsd the scheduler is not started and `up` still succeeds, leaving the reason in
 # DIR/unavailable: the tests that need the scheduler then skip, saying why.
 set -u
@@ -54,7 +56,7 @@ ErrorLog $dir/log/error_log
 AccessLog $dir/log/access_log
 PageLog $dir/log/page_log
 FileDevice Yes
-SystemGroup root
+SystemGroup root${KVT_CUPS_STOCK:+ lpadmin}
 CONF
 
 cat > "$dir/cupsd.conf" <<CONF
@@ -62,6 +64,15 @@ Listen $socket
 LogLevel warn
 Browsing No
 WebInterface No
+CONF
+if [ -n "${KVT_CUPS_STOCK:-}" ]; then
+  { echo "DefaultPolicy default"
+    # Without "AuthType Default" root adds the queues by its peer credentials: the local
+    # certificate lpadmin would use lies in the system scheduler's folder, not in DIR.
+    sed -n '/^<Policy default>/,/^<\/Policy>/{/AuthType Default/d;p}' /usr/share/cups/cupsd.conf.default
+  } >> "$dir/cupsd.conf"
+else
+  cat >> "$dir/cupsd.conf" <<CONF
 DefaultPolicy open
 <Policy open>
   JobPrivateAccess default
@@ -73,6 +84,7 @@ DefaultPolicy open
   </Limit>
 </Policy>
 CONF
+fi
 
 # Fully detached: a scheduler that kept the test runner's output pipe would hang it.
 setsid "$cupsd" -f -c "$dir/cupsd.conf" -s "$dir/cups-files.conf" </dev/null >"$dir/log/cupsd.out" 2>&1 &

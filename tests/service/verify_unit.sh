@@ -4,8 +4,8 @@
 #   verify_unit.sh UNIT KVTNETD WORKDIR
 set -u
 unit=$1 exe=$2 work=$3
-if ! grep -qx "ExecStart=/usr/local/bin/kvtnetd" "$unit"; then
-  echo "FAILED: $unit has no line ExecStart=/usr/local/bin/kvtnetd"
+if ! grep -qx "ExecStart=/usr/sbin/kvtnetd" "$unit"; then
+  echo "FAILED: $unit has no line ExecStart=/usr/sbin/kvtnetd"
   exit 1
 fi
 if ! command -v systemd-analyze >/dev/null 2>&1; then
@@ -17,9 +17,10 @@ if ! command -v systemd-analyze >/dev/null 2>&1; then
 fi
 rm -rf "$work" && mkdir -p "$work"
 copy=$work/kvtnetd.service
-sed "s|^ExecStart=/usr/local/bin/kvtnetd\$|ExecStart=$exe|" "$unit" >"$copy"
+sed "s|^ExecStart=/usr/sbin/kvtnetd\$|ExecStart=$exe|" "$unit" >"$copy"
 # Warnings (an unknown key, a bad value) leave the exit code 0: any word about the unit fails.
-systemd-analyze verify "$copy" >"$work/verify.log" 2>&1
+# --man=no: the man page its Documentation= names comes with the package, not installed here.
+systemd-analyze verify --man=no "$copy" >"$work/verify.log" 2>&1
 code=$?
 cat "$work/verify.log"
 if [ "$code" != 0 ] || grep -q "kvtnetd.service" "$work/verify.log"; then

@@ -406,6 +406,7 @@ void Usage(std::FILE* out) {
                "  --big-endian  talk in big-endian byte order (default little-endian)\n"
                "  --timeout S   seconds to wait for each answer (default %d)\n"
                "  --help        show this text\n"
+               "  --version     show the version\n"
                "commands:\n",
                unsigned{client::kDefaultPort}, client::kDefaultTimeoutMs / 1000);
   for (const Command& command : kCommands) {
@@ -436,6 +437,9 @@ int main(int argc, char** argv) {
     long number = 0;
     if (option == "--help" || option == "-h") {
       Usage(stdout);
+      return 0;
+    } else if (option == "--version") {
+      std::printf("kvtctl %s\n", KVT_VERSION);
       return 0;
     } else if (option == "--big-endian") {
       options.order = client::ByteOrder::kBig;
