@@ -17,26 +17,6 @@ std::string Number(double value) {
   return text;
 }
 
-// One job-listing record as a JSON object: the fields both kinds of record share, then the
-// kind's own.
-std::string Record(const JobEntry& job, bool spool) {
-  std::string out = "{";
-  out += spool ? "\"name\":" + Quote(job.jobName) : "\"reference\":" + Quote(job.jobName);
-  out += ",\"printer\":" + Quote(job.printerName);
-  out += ",\"state\":" + Quote(job.statusText);
-  out += ",\"statusCode\":" + std::to_string(job.statusCode);
-  out += ",\"document\":" + Quote(job.document);
-  out += ",\"owner\":" + Quote(job.userName);
-  out += ",\"machine\":" + Quote(job.machineName);
-  if (spool)
-    out += ",\"size\":null,\"time\":" + Time(TimeOfJobName(job.jobName));
-  else
-    out += ",\"submitted\":null";
-  return out + "}";
-}
-
-}  // namespace
-
 // The length of the well-formed UTF-8 sequence at text[at], or 0.
 std::size_t Utf8Length(std::string_view text, std::size_t at) {
   const auto lead = static_cast<unsigned char>(text[at]);
@@ -134,6 +114,28 @@ std::string Ping(const std::string& server, ByteOrder order, double milliseconds
     out += ",\"reachable\":false,\"error\":" + Quote(error);
   return out + ",\"time\":" + Time(std::time(nullptr)) + "}";
 }
+
+namespace {
+
+// One job-listing record as a JSON object: the fields both kinds of record share, then the
+// kind's own.
+std::string Record(const JobEntry& job, bool spool) {
+  std::string out = "{";
+  out += spool ? "\"name\":" + Quote(job.jobName) : "\"reference\":" + Quote(job.jobName);
+  out += ",\"printer\":" + Quote(job.printerName);
+  out += ",\"state\":" + Quote(job.statusText);
+  out += ",\"statusCode\":" + std::to_string(job.statusCode);
+  out += ",\"document\":" + Quote(job.document);
+  out += ",\"owner\":" + Quote(job.userName);
+  out += ",\"machine\":" + Quote(job.machineName);
+  if (spool)
+    out += ",\"size\":null,\"time\":" + Time(TimeOfJobName(job.jobName));
+  else
+    out += ",\"submitted\":null";
+  return out + "}";
+}
+
+}  // namespace
 
 std::string Jobs(std::string_view records) {
   std::string jobs, spool;
