@@ -281,6 +281,7 @@ def requests(rig):
         ("garbage request line", b"HELLO THERE\r\n\r\n", 400),
         ("header line over the limit",
          b"GET / HTTP/1.1\r\nHost: 127.0.0.1:51480\r\nX: " + b"x" * 20000 + b"\r\n\r\n", 400),
+        # kvtweb reads what the client announced until its 5 s read time-out, then answers.
         ("huge announced body, never sent", b"POST /api/cancel HTTP/1.1\r\nHost: 127.0.0.1:51480"
          b"\r\nX-KVT-Token: " + token.encode() + b"\r\nContent-Length: 10000000000\r\n\r\n", 413),
     ]

@@ -58,6 +58,7 @@ inline constexpr const char* kConfigsBody = R"HTML(<h1>Configurations</h1>
 inline constexpr const char* kStyle = R"CSS(:root { color-scheme: light; --ink: #1c1c1c; --muted: #4a4a4a; --line: #b8b8b8;
   --accent: #0b4f9c; --bad: #8b1a1a; --bad-bg: #fdecec; }
 * { box-sizing: border-box; }
+[hidden] { display: none !important; }
 body { margin: 0; font: 1rem/1.45 system-ui, sans-serif; color: var(--ink); background: #fff; }
 header { display: flex; flex-wrap: wrap; gap: .5rem 1.5rem; align-items: baseline;
   padding: .6rem 1rem; background: #12304f; color: #fff; }
