@@ -327,6 +327,9 @@ def main():
     parser.add_argument("--work", required=True)
     parser.add_argument("--out")
     args = parser.parse_args()
+    for name in ("kvtnetd", "kvtweb", "out"):
+        if getattr(args, name):
+            setattr(args, name, os.path.abspath(getattr(args, name)))
     rig = Rig(args)
     try:
         {"browser": browser, "requests": requests, "screenshot": screenshot}[args.mode](rig)
