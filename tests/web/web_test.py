@@ -144,7 +144,9 @@ def chrome(width, height):
 
 
 def browser(rig):
+    from selenium.webdriver.common.action_chains import ActionChains
     from selenium.webdriver.common.by import By
+    from selenium.webdriver.common.keys import Keys
     from selenium.webdriver.support.ui import WebDriverWait
 
     rig.hold_jobs([("KvtProofA", "quarterly-report.pdf"), ("KvtProofB", "label-sheet.pdf")])
@@ -154,8 +156,8 @@ def browser(rig):
     driver = chrome(390, 844)  # a phone's screen
     try:
         wait = WebDriverWait(driver, DEADLINE)
-        buttons = lambda: [b.get_attribute("data-job")
-                           for b in driver.find_elements(By.CSS_SELECTOR, "button.cancel")]
+        buttons = lambda: driver.execute_script(  # in one step: the page redraws itself
+            "return [...document.querySelectorAll('button.cancel')].map(b => b.dataset.job)")
         driver.get(ORIGIN + "/")
 
         # The jobs, each with its printer and document, and the waiting spool files.
@@ -172,8 +174,16 @@ def browser(rig):
             "return document.documentElement.scrollWidth - document.documentElement.clientWidth")
         assert overflow <= 0, f"the page is {overflow} px wider than the phone's screen"
 
-        # Cancel: the confirmation, then the job leaves the page and the scheduler.
-        driver.find_element(By.CSS_SELECTOR, f'button[data-job="*0-{report}"]').click()
+        # Cancel by keyboard: Tab to the job's button, Enter, the confirmation; then the job
+        # leaves the page and the scheduler.
+        focused = lambda: driver.execute_script(
+            "return document.activeElement && document.activeElement.dataset.job")
+        for _ in range(40):
+            if focused() == f"*0-{report}":
+                break
+            ActionChains(driver).send_keys(Keys.TAB).perform()
+        assert focused() == f"*0-{report}", "Tab never reached the job's Cancel button"
+        ActionChains(driver).send_keys(Keys.ENTER).perform()
         wait.until(lambda d: d.switch_to.alert).accept()
         wait.until(lambda d: buttons() == [f"*1-{label}"])
         wait_for("the scheduler to drop the job", lambda: not rig.scheduler_holds(report))
@@ -193,6 +203,15 @@ def browser(rig):
                    "is reachable" in d.find_element(By.ID, "server-state").text)
         assert not driver.find_element(By.ID, "stale-badge").is_displayed()
         assert buttons() == [f"*1-{label}"]
+
+        # A gamut folder's configurations, named in the address, with the colour files' times.
+        driver.get(ORIGIN + "/configs?folder=Demo")
+        state = driver.find_element(By.ID, "configs-state")
+        wait.until(lambda d: "2 configurations in Demo" in state.text)
+        configs = driver.find_element(By.ID, "configs").text
+        assert "Glossy" in configs and "Matte" in configs, configs
+        assert re.search(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d", configs), configs
+        assert driver.find_element(By.ID, "folder").get_attribute("value") == "Demo"
     finally:
         driver.quit()
 

@@ -166,7 +166,14 @@ function cancelButton(job) {
   return b;
 }
 
+// Redrawn only when the listing changed, and the focused Cancel button keeps the focus, so
+// that the refresh never pulls the keyboard focus away.
+let shown = '';
 function render(listing) {
+  const text = JSON.stringify(listing);
+  if (text === shown) return;
+  shown = text;
+  const focusedJob = document.activeElement && document.activeElement.dataset.job;
   const withSubmitted = listing.jobs.some((j) => j.submitted);
   const withSize = listing.spoolFiles.some((f) => f.size != null);
   const printers = new Map();
@@ -198,6 +205,10 @@ function render(listing) {
       shownTime(f.time), ...(withSize ? [String(f.size)] : [])]);
     spool.append(table(`${rows.length} waiting spool file${rows.length === 1 ? '' : 's'}`, heads,
       rows, withSize ? [6] : []));
+  }
+  if (focusedJob) {
+    const again = box.querySelector(`button[data-job="${CSS.escape(focusedJob)}"]`);
+    if (again) again.focus();
   }
   const missing = [];
   if (!withSubmitted && listing.jobs.length) missing.push('the jobs\' submission times');
