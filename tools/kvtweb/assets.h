@@ -72,7 +72,8 @@ h3 { font-size: 1.05rem; margin: .9rem 0 .3rem; }
 a { color: var(--accent); }
 .skip { position: absolute; left: -999px; top: 0; background: #fff; color: var(--accent); padding: .5rem; }
 .skip:focus { left: .5rem; }
-:focus-visible { outline: 3px solid #f5b400; outline-offset: 2px; }
+:focus-visible { outline: 3px solid var(--accent); outline-offset: 2px; }
+header :focus-visible { outline-color: #f5b400; }
 table { border-collapse: collapse; width: 100%; margin-bottom: .5rem; }
 caption { text-align: left; color: var(--muted); padding: .2rem 0; }
 th, td { text-align: left; padding: .35rem .5rem; border-bottom: 1px solid var(--line);
@@ -247,8 +248,10 @@ async function refresh() {
   } else {
     const why = problem || (server && server.error) || 'no answer';
     $('server-state').textContent = `KVTnetd${server ? ' at ' + server.server : ''} cannot be reached.`;
-    $('notice').textContent = `The server cannot be reached (${why}). Trying again every ` +
+    const notice = `The server cannot be reached (${why}). Trying again every ` +
       `${kRefreshMs / 1000} s.`;
+    // Set only when it changes: an alert that is rewritten is read out again.
+    if ($('notice').textContent !== notice || $('notice').hidden) $('notice').textContent = notice;
     $('notice').hidden = false;
     $('data').classList.add('stale');
     $('stale-badge').textContent = lastGood ? `Stale: the data below is from ${lastGood}.`
