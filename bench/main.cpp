@@ -1,7 +1,7 @@
 // The benchmark: each figure of KVTnetd measured side by side with its baseline in the same
 // run, several times, printed as one Markdown table (scripts/bench.sh runs it).
 //
-//   kvt_bench [FIGURE...]   figures 1 to 6; all of them when none is named
+//   kvt_bench [FIGURE...]   figures 1 to 7; all of them when none is named
 //
 // It starts kvtnetd on port 51470, so it belongs in a network namespace of its own. With
 // CUPS_SERVER naming a scheduler that has the raw queues KvtProofA and KvtProofB (the tests'
@@ -18,10 +18,15 @@
 #include <cstring>
 #include <fstream>
 #include <latch>
+#include <memory>
 #include <semaphore>
 #include <set>
 #include <sstream>
 #include <thread>
+
+#ifdef KVT_BENCH_KVTWEB
+#include <httplib.h>
+#endif
 
 #include "client/client.h"
 #include "client/print_client.h"
@@ -294,8 +299,9 @@ void Gamut(Context& ctx) {
   fs::remove_all(ctx.server.Gamut() / "bench");
 }
 
-// ---- 5. Job listing: 256 spool files and 2 queues of 50 held jobs ----
-void Listing(Context& ctx) {
+// The listing of figures 5 and 7: 256 spool files and, with a scheduler, 2 queues of 50
+// held jobs.
+void FillListing(Context& ctx) {
   for (const auto& entry : fs::directory_iterator(ctx.server.Spool())) fs::remove(entry.path());
   for (int i = 0; i < 256; ++i) WritePattern(ctx.server.Spool() / Printf("bench%03d.spl", i), 5000);
   if (ctx.cups) {
@@ -305,6 +311,11 @@ void Listing(Context& ctx) {
     for (const char* queue : {"KvtProofA", "KvtProofB"})
       for (int i = 0; i < 50; ++i) TimeRun({"lp", "-H", "hold", "-d", queue, job});
   }
+}
+
+// ---- 5. Job listing: 256 spool files and 2 queues of 50 held jobs ----
+void Listing(Context& ctx) {
+  FillListing(ctx);
 
   client::Connection c = Opened(client::kDefaultPort);
   std::string error;
@@ -346,6 +357,81 @@ void Listing(Context& ctx) {
   c.SendClose();
   TimeRun({"cancel", "-a"});
 }
+
+// ---- 7. kvtweb: the overview's data request, and its memory ----
+#ifdef KVT_BENCH_KVTWEB
+void Web(Context& ctx) {
+  constexpr int kWebPort = 51480, kPages = 10, kRequests = 20;
+  FillListing(ctx);
+  const pid_t pid = Spawn({KVT_BENCH_KVTWEB, "--listen", Printf("127.0.0.1:%d", kWebPort)});
+  auto connect = [&] {
+    auto http = std::make_unique<httplib::Client>("127.0.0.1", kWebPort);
+    http->set_keep_alive(true);
+    http->set_read_timeout(30);
+    return http;
+  };
+  auto get = [](httplib::Client& http, const char* path) {
+    httplib::Result r = http.Get(path);
+    if (!r || r->status != 200) {
+      std::fprintf(stderr, "kvt_bench: kvtweb %s: %s\n", path,
+                   r ? std::to_string(r->status).c_str() : httplib::to_string(r.error()).c_str());
+      std::exit(1);
+    }
+    return r->body.size();
+  };
+  for (int i = 0; pid > 0 && !connect()->Get("/api/ping"); ++i) {
+    if (i == 200) std::exit(1);
+    std::this_thread::sleep_for(25ms);
+  }
+  std::this_thread::sleep_for(300ms);
+  const Holdings idle = HoldingsOf(pid);
+
+  std::unique_ptr<httplib::Client> http = connect();
+  const std::size_t bytes = get(*http, "/api/overview");
+  auto overview = [&] {  // one page's poll on its kept-alive connection
+    const double start = Now();
+    for (int i = 0; i < kRequests; ++i) get(*http, "/api/overview");
+    return (Now() - start) / kRequests;
+  };
+  ctx.rows.push_back(Compare(
+      "7. kvtweb `/api/overview` (one HTTP request) vs `kvtctl jobs` (whole process), same data",
+      "ms", kNoGoal, kRepetitions, overview,
+      [] {
+        return MeanRun({KVT_BENCH_KVTCTL, "jobs"});
+      },
+      1000));
+
+  // Ten pages open: each loaded the page, its style sheet and script, then polls the data,
+  // all at once, their connections kept alive.
+  std::vector<std::unique_ptr<httplib::Client>> pages;
+  for (int i = 0; i < kPages; ++i) pages.push_back(connect());
+  Holdings open;
+  for (int round = 0; round < 3; ++round) {
+    std::vector<std::thread> pollers;
+    for (auto& page : pages)
+      pollers.emplace_back([&, round] {
+        if (round == 0)
+          for (const char* path : {"/", "/app.css", "/app.js"}) get(*page, path);
+        get(*page, "/api/overview");
+      });
+    for (std::thread& t : pollers) t.join();
+    const Holdings now = HoldingsOf(pid);
+    if (now.rssKiB > open.rssKiB) open = now;
+  }
+  ctx.rows.push_back(Plain("7. kvtweb resident memory, idle and with 10 pages open and polling",
+                           Printf("%ld KiB idle (%ld threads), %ld KiB with 10 pages (%ld threads)",
+                                  idle.rssKiB, idle.threads, open.rssKiB, open.threads),
+                           "—", true));
+  ctx.notes.push_back(Printf("Figure 7: one overview document is %zu bytes (%s).", bytes,
+                             ctx.cups ? "100 held jobs and 256 spool files"
+                                      : "no scheduler: 256 spool files"));
+  pages.clear();
+  http.reset();
+  ::kill(pid, SIGTERM);
+  ::waitpid(pid, nullptr, 0);
+  if (ctx.cups) TimeRun({"cancel", "-a"});
+}
+#endif
 
 // ---- 6. Scale: 5,000 concurrent connections ----
 void Scale(Context& ctx) {
@@ -494,7 +580,11 @@ int Main(int argc, char** argv) {
   const std::string loadBefore = LoadAverage();
 
   const std::vector<std::pair<int, void (*)(Context&)>> figures{
-      {1, JobNames}, {2, Connections}, {3, Uploads}, {4, Gamut}, {5, Listing}, {6, Scale}};
+      {1, JobNames}, {2, Connections}, {3, Uploads}, {4, Gamut}, {5, Listing}, {6, Scale},
+#ifdef KVT_BENCH_KVTWEB
+      {7, Web},
+#endif
+  };
   for (const auto& [number, run] : figures) {
     if (!chosen.empty() && !chosen.contains(number)) continue;
     std::fprintf(stderr, "figure %d...\n", number);

@@ -50,6 +50,9 @@ endfunction()
 
 kvt_install_program(kvtnetd 8 SERVICE)
 kvt_install_program(kvtctl 1)
+if(TARGET kvtweb)  # the status page, where cpp-httplib is at hand
+  kvt_install_program(kvtweb 1 SERVICE)
+endif()
 
 set(CPACK_PACKAGE_NAME kvtnetd)
 set(CPACK_PACKAGE_VENDOR "KVTnetd developers")
@@ -96,7 +99,9 @@ files and configuration listings.
 
 The service runs as its own user in a systemd sandbox that can write only to
 /var/lib/kvtnetd and accepts clients from loopback and private networks only.
-The package also holds kvtctl, the operator's command-line client.")
+The package also holds kvtctl, the operator's command-line client, and
+kvtweb, a status page for the browser on the loopback address (its own
+sandboxed service, kvtweb.service).")
 endif()
 
 include(CPack)

@@ -1,6 +1,6 @@
 #!/bin/sh
 # The benchmark: builds the Linux programs in build/bench (RelWithDebInfo) and prints one
-# table of KVTnetd against its baselines. Arguments pick figures (1 to 6; default all).
+# table of KVTnetd against its baselines. Arguments pick figures (1 to 7; default all).
 # As root it runs in a network namespace of its own (port 51470 stays free for anyone else),
 # with a private CUPS scheduler for the CUPS baselines.
 set -eu

@@ -1,17 +1,23 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, only those missing.
-#   scripts/install-deps.sh          the Linux build (g++, CMake, GoogleTest, CUPS)
+#   scripts/install-deps.sh          the Linux build (g++, CMake, GoogleTest, CUPS, cpp-httplib)
 #   scripts/install-deps.sh windows  also the Windows cross-build and Wine
 #   scripts/install-deps.sh fuzz     also clang and its libFuzzer runtime
+#   scripts/install-deps.sh web      also headless Chromium and selenium for kvtweb's tests
+# Sets combine: scripts/install-deps.sh windows web
 set -euo pipefail
 
-packages=(g++ cmake make googletest libgtest-dev libcups2-dev cups cups-client cups-bsd)
-if [[ "${1:-}" == windows ]]; then
-  packages+=(g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix mingw-w64-x86-64-dev wine wine64)
-fi
-if [[ "${1:-}" == fuzz ]]; then
-  packages+=(clang libclang-rt-14-dev)
-fi
+packages=(g++ cmake make googletest libgtest-dev libcups2-dev cups cups-client cups-bsd
+          libcpp-httplib-dev pkg-config)
+for set in "$@"; do
+  case "$set" in
+    windows) packages+=(g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix mingw-w64-x86-64-dev
+                        wine wine64) ;;
+    fuzz) packages+=(clang libclang-rt-14-dev) ;;
+    web) packages+=(chromium chromium-driver python3-selenium) ;;
+    *) echo "install-deps.sh: unknown set $set" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for p in "${packages[@]}"; do

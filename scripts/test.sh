@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds both programs and runs every test: the Windows build's tests under Wine, then the
-# Linux tests, whose wire tests run against kvtnetd and against kvtnetd.exe under Wine.
+# Linux tests, whose wire tests run against kvtnetd and against kvtnetd.exe under Wine, and
+# whose web tests drive kvtweb's page in headless Chromium.
 #   scripts/test.sh             everything
 #   scripts/test.sh --sanitize  the Linux tests built with AddressSanitizer and UBSan
 #   scripts/test.sh --tsan      the Linux tests built with ThreadSanitizer
@@ -38,6 +39,7 @@ if [[ "${1:-}" == --fuzz ]]; then
   grep -E "^#[0-9]+[[:space:]]+DONE|^stat::" "$out/log"
   exit
 fi
-scripts/install-deps.sh windows
+# web: the browser that kvtweb's tests (web.browser, web.requests) drive.
+scripts/install-deps.sh windows web
 run windows
 run linux

@@ -1,6 +1,8 @@
 // kvtctl: the operator's command-line tool for a KVTnetd server.
-//   kvtctl [--host H] [--port P] [--big-endian] [--timeout S] <command> [arguments]
+//   kvtctl [--host H] [--port P] [--big-endian] [--timeout S] [--json] <command> [arguments]
 // Exit status: 0 on success, 1 on any failure (the reason goes to standard error).
+// With --json the listing commands (ping, jobs, configs) print one JSON document instead
+// of their table; kvtweb's /api endpoints answer the same documents.
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -21,6 +23,7 @@
 #endif
 
 #include "client/client.h"
+#include "client/listing_json.h"
 #include "client/print_client.h"
 #include "client/spool_client.h"
 
@@ -33,6 +36,7 @@ struct Options {
   std::uint16_t port = client::kDefaultPort;
   client::ByteOrder order = client::ByteOrder::kLittle;
   int timeoutMs = client::kDefaultTimeoutMs;
+  bool json = false;
 };
 
 // A command gets the options and the words after its name; it returns the exit status.
@@ -43,6 +47,7 @@ struct Command {
   const char* arguments;  // as shown in the usage text
   const char* summary;
   Run run;
+  bool lists = false;  // has a --json form
 };
 
 int Fail(const std::string& reason) {
@@ -52,6 +57,18 @@ int Fail(const std::string& reason) {
 
 int Ping(const Options& options, int argc, char**) {
   if (argc != 0) return Fail("ping takes no arguments");
+  if (options.json) {
+    client::Connection connection;
+    connection.SetTimeout(options.timeoutMs);
+    double ms = 0;
+    std::string error =
+        client::json::OpenTimed(connection, options.host, options.port, options.order, &ms);
+    if (error.empty() && !connection.SendClose()) error = connection.error();
+    if (!error.empty()) return Fail(error);
+    const std::string server = options.host + ":" + std::to_string(options.port);
+    std::printf("%s\n", client::json::Ping(server, options.order, ms, {}).c_str());
+    return 0;
+  }
   std::string error = client::Ping(options.host, options.port, options.order, options.timeoutMs);
   if (!error.empty()) return Fail(error);
   std::printf("KVTnetd at %s:%u answered (%s)\n", options.host.c_str(), unsigned{options.port},
@@ -133,7 +150,9 @@ int Configs(const Options& options, int argc, char** argv) {
   if (!Connected(options, connection)) return 1;
   std::optional<std::vector<client::ConfigRecord>> records = connection.ListConfigs(argv[0]);
   if (!records) return Fail(connection.error());
-  if (records->empty()) {
+  if (options.json) {
+    std::printf("%s\n", client::json::Configs(argv[0], *records).c_str());
+  } else if (records->empty()) {
     std::printf("no configurations in %s\n", argv[0]);
   } else {
     std::printf("%-39s %10s  %s\n", "name", "size", "colour file time");
@@ -238,6 +257,10 @@ int Jobs(const Options& options, int argc, char**) {
   std::string error;
   std::optional<std::string> records = client::ListJobRecords(connection, &error);
   if (!records) return Fail(error);
+  if (options.json) {
+    std::printf("%s\n", client::json::Jobs(*records).c_str());
+    return Finish(connection);
+  }
   std::vector<std::vector<std::string>> rows = {
       {"PRINTER", "JOB NAME", "STATUS", "DOCUMENT", "USER", "MACHINE"}};
   for (std::size_t at = 0; at < records->size(); at += client::kJobRecordSize) {
@@ -377,15 +400,16 @@ int Quit(const Options& options, int argc, char**) {
 }
 
 constexpr Command kCommands[] = {
-    {"ping", "", "connect, do the opening exchange and close again", Ping},
+    {"ping", "", "connect, do the opening exchange and close again", Ping, true},
     {"gamut", "FOLDER NAME [-o FILE]", "fetch the gamut file NAME of FOLDER (to standard output)",
      Gamut},
-    {"configs", "FOLDER", "list FOLDER's configurations and their colour files' times", Configs},
+    {"configs", "FOLDER", "list FOLDER's configurations and their colour files' times", Configs,
+     true},
     {"register-table", "NAME FILE", "hand FILE to the colour tool as NAME, print its exit code",
      RegisterTable},
     {"upload", "FILE [--name NAME]",
      "store FILE as NAME.spl (a fresh job name without --name); start jobfeeder", Upload},
-    {"jobs", "", "list the spooler's jobs and the waiting spool files", Jobs},
+    {"jobs", "", "list the spooler's jobs and the waiting spool files", Jobs, true},
     {"job-name", "", "get a fresh job name", JobName},
     {"cancel", "NAME", "cancel the job *P-J that jobs lists, or delete the spool file NAME.spl",
      Cancel},
@@ -399,12 +423,13 @@ constexpr Command kCommands[] = {
 
 void Usage(std::FILE* out) {
   std::fprintf(out,
-               "usage: kvtctl [--host H] [--port P] [--big-endian] [--timeout S] <command> "
-               "[arguments]\n"
+               "usage: kvtctl [--host H] [--port P] [--big-endian] [--timeout S] [--json] "
+               "<command> [arguments]\n"
                "  --host H      server address (default 127.0.0.1)\n"
                "  --port P      server port (default %u)\n"
                "  --big-endian  talk in big-endian byte order (default little-endian)\n"
                "  --timeout S   seconds to wait for each answer (default %d)\n"
+               "  --json        ping, jobs, configs: one JSON document instead of the table\n"
                "  --help        show this text\n"
                "  --version     show the version\n"
                "commands:\n",
@@ -441,6 +466,8 @@ int main(int argc, char** argv) {
     } else if (option == "--version") {
       std::printf("kvtctl %s\n", KVT_VERSION);
       return 0;
+    } else if (option == "--json") {
+      options.json = true;
     } else if (option == "--big-endian") {
       options.order = client::ByteOrder::kBig;
     } else if (option == "--host" && value != nullptr && *value != '\0') {
@@ -463,9 +490,12 @@ int main(int argc, char** argv) {
     Usage(stderr);
     return 1;
   }
-  for (const Command& command : kCommands)
-    if (std::strcmp(argv[i], command.name) == 0)
-      return command.run(options, argc - i - 1, argv + i + 1);
+  for (const Command& command : kCommands) {
+    if (std::strcmp(argv[i], command.name) != 0) continue;
+    if (options.json && !command.lists)
+      return Fail(std::string("--json is for ping, jobs and configs, not ") + command.name);
+    return command.run(options, argc - i - 1, argv + i + 1);
+  }
   Fail(std::string("unknown command: ") + argv[i]);
   Usage(stderr);
   return 1;
