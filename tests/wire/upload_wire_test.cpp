@@ -18,14 +18,13 @@ class SpoolTest : public ServerSuite {
     ServerSuite::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
     // A blank in the folder: each start must keep the program's path whole.
-    installed_ = server_->InstallJobfeeder(server_->Records().folder() / "Corvina programs");
+    server_->InstallJobfeeder(server_->Records().folder() / "Corvina programs");
     server_->Records().Clear();
   }
   static void TearDownTestSuite() {
     if (server_) fs::remove(server_->Pointer());  // Wine's data folder outlives the server
     ServerSuite::TearDownTestSuite();
   }
-  fs::path installed_;
 };
 
 TEST_P(SpoolTest, UploadStoresTheBodyAndStartsJobfeeder) {
@@ -47,19 +46,18 @@ TEST_P(SpoolTest, UploadStoresTheBodyAndStartsJobfeeder) {
     EXPECT_TRUE(c.SendClose()) << c.error();
   }
   // kvtctl, under a given name and (as a big-endian client) under one the server hands out.
-  const fs::path file = server_->Records().folder() / "job.spl";
-  const std::string body = Pattern(300000, 3);
+  const std::string file = server_->Records().folder() / "job.spl", body = Pattern(300000, 3);
   WriteFile(file, body);
-  Outcome run = RunKvtctl({"upload", file.string(), "--name", "Kvtctl"});
-  EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.out, file.string() + " stored as Kvtctl.spl (300000 bytes)\n");
-  EXPECT_TRUE(ReadFile(server_->Spool() / "Kvtctl.spl") == body);
-  EXPECT_TRUE(startedOnce());
-  run = RunKvtctl({"--big-endian", "upload", file.string()});
-  std::smatch fresh;
-  ASSERT_TRUE(std::regex_search(run.out, fresh, std::regex("as ([0-9]{15})\\.spl"))) << run.err;
-  EXPECT_TRUE(ReadFile(server_->Spool() / (fresh[1].str() + ".spl")) == body);
-  EXPECT_TRUE(startedOnce());
+  for (const auto& [args, stored] : {std::pair{Lines{"upload", file, "--name", "Kvtctl"}, "(Kvtctl)"},
+                                     std::pair{Lines{"--big-endian", "upload", file}, "([0-9]{15})"}}) {
+    const Outcome run = RunKvtctl(args);
+    std::smatch as;
+    EXPECT_EQ(run.status, 0) << run.err;
+    ASSERT_TRUE(std::regex_match(run.out, as, std::regex(file + " stored as " + stored + "\\.spl \\(300000 bytes\\)\n")))
+        << run.out;
+    EXPECT_TRUE(ReadFile(server_->Spool() / (as[1].str() + ".spl")) == body);
+    EXPECT_TRUE(startedOnce());
+  }
 }
 
 TEST_P(SpoolTest, HandoffLetsJobfeederTalkToTheClient) {
@@ -97,7 +95,7 @@ TEST_P(SpoolTest, HandoffLetsJobfeederTalkToTheClient) {
   EXPECT_TRUE(WaitUntil([&] { return server_->Records().Ends() == 1; }));
 
   // Without the program the command is ignored: nothing comes, the next frame is served.
-  fs::remove(installed_);
+  fs::remove_all(server_->Records().folder() / "Corvina programs");
   c = Opened();
   ASSERT_TRUE(c.SendFrame(kvt::CMD_PRINT_HANDOFF)) << c.error();
   ExpectWaiting(c);
