@@ -29,14 +29,16 @@ std::string Jobs(Connection& c) {
   return records.value_or("");
 }
 
+// The test run's scheduler (set by ctest).
+const std::string kCups = std::getenv("CUPS_SERVER") ? std::getenv("CUPS_SERVER") : "";
+
 // A server without a spooler: no printer, no spooler job; the listing has the spool files.
 class InlineTest : public ServerSuite {
  protected:
   void SetUp() override {
-    const std::string cups = std::getenv("CUPS_SERVER") ? std::getenv("CUPS_SERVER") : "";
     ::setenv("CUPS_SERVER", "/nonexistent/cups.sock", 1);  // the server takes it at its start
     ServerSuite::SetUp();
-    ::setenv("CUPS_SERVER", cups.c_str(), 1);
+    ::setenv("CUPS_SERVER", kCups.c_str(), 1);
   }
 };
 
@@ -85,7 +87,8 @@ TEST_P(InlineTest, NamesFromConcurrentConnectionsNeverRepeat) {
   std::vector<std::thread> threads;
   for (auto& list : names)
     threads.emplace_back([&list] {
-      for (Connection c = Opened(); list.size() < 25;) list.push_back(client::FreshJobName(c).value_or(""));
+      for (Connection c = Opened(); list.size() < 25;)
+        list.push_back(client::FreshJobName(c).value_or(""));
     });
   std::set<std::string> unique;
   for (int i = 0; i < 8; ++i) threads[i].join(), unique.insert(names[i].begin(), names[i].end());
@@ -125,30 +128,30 @@ std::string Shell(const std::string& command) {
 class SpoolerTest : public ServerSuite {};
 
 TEST_P(SpoolerTest, HeldCupsJobsAreListedAndCancelled) {
-  const std::string cups = std::getenv("CUPS_SERVER") ? std::getenv("CUPS_SERVER") : "";
-  if (cups.empty() || !fs::exists(cups))  // the test run's scheduler, and why it is missing
-    GTEST_SKIP() << "no scheduler at '" << cups << "' " << ReadFile(fs::path(cups).parent_path() / "unavailable");
+  if (kCups.empty() || !fs::exists(kCups))  // and why the scheduler is missing
+    GTEST_SKIP() << "no scheduler at '" << kCups << "' "
+                 << ReadFile(fs::path(kCups).parent_path() / "unavailable");
   const bool onLinux = GetParam() == Kind::kLinux;
   const auto idle = onLinux ? IdleHoldings(server_->pid()) : std::nullopt;
   ASSERT_EQ(idle.has_value(), onLinux);
   Shell("cancel -a KvtProofA KvtProofB");
   ScratchFolder scratch;
-  WriteFile(scratch.path() / "document.txt", "nothing to print\n");
   const std::string user = ::getpwuid(::geteuid())->pw_name;
   // Jobs A1 and A2 on printer 0, B1 on printer 1; as Linux lists them: held is paused.
-  const std::string titles[] = {"Proof A1", "Proof A2", "Proof B1"};
-  std::string ids[3], queues[3];
+  const std::string queues[] = {"KvtProofA", "KvtProofA", "KvtProofB"},
+                    titles[] = {"Proof A1", "Proof A2", "Proof B1"};
+  const std::string document = scratch.path() / "document.txt";
+  WriteFile(document, "nothing to print\n");
+  std::string ids[3];
   std::vector<std::string> expected;
   for (int i = 0; i < 3; ++i) {
-    queues[i] = "KvtProof" + titles[i].substr(6, 1);
     std::smatch id;
-    const std::string out = Shell("lp -H hold -d " + queues[i] + " -t '" + titles[i] + "' " +
-                                  (scratch.path() / "document.txt").string());
+    const std::string out = Shell("lp -H hold -d " + queues[i] + " -t '" + titles[i] + "' " + document);
     ASSERT_TRUE(std::regex_search(out, id, std::regex(queues[i] + "-([0-9]+)"))) << out;
     ids[i] = id[1];
     if (onLinux)
-      expected.push_back(queues[i] + (i < 2 ? " *0-" : " *1-") + ids[i] + " " + titles[i] + " " +
-                         user + " LOCALHOST 11 stopped");
+      expected.push_back(queues[i] + " *" + "001"[i] + "-" + ids[i] + " " + titles[i] + " " + user +
+                         " LOCALHOST 11 stopped");
   }
   auto listed = [&](Connection& c) {
     std::vector<std::string> jobs;
@@ -177,9 +180,8 @@ TEST_P(SpoolerTest, HeldCupsJobsAreListedAndCancelled) {
   EXPECT_EQ(listed(again), expected);
   if (onLinux) {
     Outcome run = RunKvtctl({"jobs"});
-    EXPECT_TRUE(std::regex_search(run.out, std::regex("\nKvtProofB +\\*1-" + ids[2] + " +stopped +Proof B1 +" +
-                                                      user + " +LOCALHOST\n")))
-        << run.out << run.err;
+    const std::string line = "\nKvtProofB +\\*1-" + ids[2] + " +stopped +Proof B1 +" + user;
+    EXPECT_TRUE(std::regex_search(run.out, std::regex(line + " +LOCALHOST\n"))) << run.out << run.err;
     run = RunKvtctl({"cancel", "*1-" + ids[2]});
     EXPECT_EQ(run.out, "*1-" + ids[2] + ": answer 0; the job is no longer listed\n");
     again.Close();  // each connection's line to the scheduler goes with its thread

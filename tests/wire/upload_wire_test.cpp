@@ -53,8 +53,8 @@ TEST_P(SpoolTest, UploadStoresTheBodyAndStartsJobfeeder) {
     const Outcome run = RunKvtctl(args);
     std::smatch as;
     EXPECT_EQ(run.status, 0) << run.err;
-    ASSERT_TRUE(std::regex_match(run.out, as, std::regex(file + " stored as " + stored + "\\.spl \\(300000 bytes\\)\n")))
-        << run.out;
+    const std::regex line(file + " stored as " + stored + "\\.spl \\(300000 bytes\\)\n");
+    ASSERT_TRUE(std::regex_match(run.out, as, line)) << run.out;
     EXPECT_TRUE(ReadFile(server_->Spool() / (as[1].str() + ".spl")) == body);
     EXPECT_TRUE(startedOnce());
   }

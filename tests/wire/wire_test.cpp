@@ -21,8 +21,8 @@ TEST_P(WireTest, AnyMarkerOpensIgnoredCodesAnswerNothingAndWrongMagicCloses) {
   // open: only the magic can close it.
   const client::Marker little = client::kLittleEndianMarker, big = client::kBigEndianMarker;
   const std::tuple<client::Marker, bool, std::string> rows[] = {
-      {little, false, Frame(0)}, {big, false, "kVT\x0c"}, {client::Marker{0, 0, 0, 0}, false, "KV\0\x0c"s},
-      {little, true, Frame(0)}, {little, false, "KVt\x0c"}, {little, false, "XKVT"}};
+      {little, false, Frame(0)}, {big, false, "kVT\x0c"}, {{0, 0, 0, 0}, false, "KV\0\x0c"s},
+      {little, true, Frame(0)},  {little, false, "KVt\x0c"}, {little, false, "XKVT"}};
   for (const auto& [marker, bytewise, last] : rows) {
     SCOPED_TRACE(std::to_string(marker[0]) + (bytewise ? " byte by byte, " : ", ") + last.substr(0, 3));
     Connection c;
