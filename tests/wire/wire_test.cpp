@@ -11,6 +11,7 @@ namespace kvt::wire {
 namespace {
 
 using client::Connection;
+using Lines = std::vector<std::string>;
 using namespace std::string_literals;
 
 class WireTest : public ServerSuite {};
@@ -55,8 +56,8 @@ TEST_P(WireTest, ConnectionsLeaveNothingBehind) {
     // Then each answer comes while all the earlier connections are still open; code 12
     // brings nothing (the close would see it).
     std::vector<Connection> clients(64);
-    for (Connection& c : clients) ASSERT_TRUE(c.Connect("127.0.0.1") && c.Open()) << c.error();
-    for (Connection& c : clients) ASSERT_TRUE(c.SendFrame(12)) << c.error();
+    for (Connection& c : clients)
+      ASSERT_TRUE(c.Connect("127.0.0.1") && c.Open() && c.SendFrame(12)) << c.error();
     for (std::size_t i = 0; i < clients.size(); i += 2)
       EXPECT_TRUE(clients[i].SendClose()) << clients[i].error();
   }  // the others leave without a word
@@ -132,11 +133,10 @@ TEST_P(OwnServerTest, RunModesByExitStatus) {
   const net::Socket held = net::OpenListener(any, 51470, 1);
   ASSERT_NE(held, net::kNoSocket) << "port 51470 is taken by another program";
   Server server(GetParam());
-  auto words = [](int count) { return std::vector<std::string>(count, "w"); };
   // "kvtnetd " and the arguments: 399 characters fit, 400 do not; nor do 29 words. The
   // service commands (-s, -c, -k, -d) have tests of their own. Only the debug server logs.
   const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
-      {{"-S"}, 0, ""}, {{"-debugx"}, 0, ""}, {words(28), 0, ""}, {words(29), 87, ""},
+      {{"-S"}, 0, ""}, {{"-debugx"}, 0, ""}, {Lines(28, "w"), 0, ""}, {Lines(29, "w"), 87, ""},
       {{std::string(391, 'x')}, 0, ""}, {{std::string(392, 'x')}, 87, ""},
       {{"-debug", std::string(400, 'x')}, 87, ""},  // too long wins over the debug server
       {{"-debug"}, 255, "KVTnetd: No socket opened"}};
