@@ -15,6 +15,7 @@ namespace {
 using namespace std::string_literals;
 
 constexpr std::uint32_t kTime = 1700000000;
+const std::string kZero(1, '\0'), kZero4(4, '\0'), kZero8(8, '\0');
 
 // The cut points of a request of `size` bytes: every one up to 64, then about two dozen; a
 // request of no bytes is sent whole and the client leaves before the answer.
@@ -26,26 +27,22 @@ std::vector<std::size_t> CutPoints(std::size_t size) {
   return cuts;
 }
 
-std::uint32_t Le32At(const std::string& bytes, std::size_t at) {  // as is this host
-  std::uint32_t value;
-  return std::memcpy(&value, bytes.data() + at, 4), value;
-}
-
 // A colour table request cut after `k` bytes is served with zeros for every byte that did
 // not arrive, the lengths included: the data stored is that of the zero-padded request.
 std::string TableOfCut(const std::string& request, std::size_t k) {
   const std::string padded = Field(request.substr(0, k), request.size());
-  const std::size_t nameLength = Le32At(padded, 0);
-  return Field(padded.substr(8 + nameLength), Le32At(padded, 4 + nameLength));
+  auto le32 = [&](std::size_t at) {  // as is this host
+    std::uint32_t value;
+    return std::memcpy(&value, &padded[at], 4), value;
+  };
+  return Field(padded.substr(8 + le32(0)), le32(4 + le32(0)));
 }
 
 // The colour tables stored since the last call (each removed once read).
 std::vector<std::string> TakeTables(const fs::path& folder) {
   std::vector<std::string> tables;
-  for (const std::string& name : Listing(folder)) {
-    tables.push_back(ReadFile(folder / name));
-    fs::remove(folder / name);
-  }
+  for (const std::string& name : Listing(folder))
+    tables.push_back(ReadFile(folder / name)), fs::remove(folder / name);
   return tables;
 }
 
@@ -69,17 +66,16 @@ TEST_P(CutTest, EveryCommandCutAtEveryByte) {
   // What each request cut short is answered: a short name, path or length refuses; the
   // other commands are served with zeros for what did not come, the colour tool being
   // absent. Commands without a request are sent whole (their answers are checked elsewhere).
-  const std::string zero = "\0"s, zero4(4, '\0');
   const std::tuple<int, std::string, std::optional<std::string>> requests[] = {
       {-1, Frame(23), ""},  // the frame itself
-      {1, "", {}}, {2, "", zero}, {5, "", {}}, {8, "", {}}, {10, "", zero},
-      {3, Field("Keep", 16) + Le32(std::uint32_t(body.size())) + body, zero},
-      {4, Field("Proofs", 100) + Field("Cut", 40), std::string(8, '\0')},
-      {6, Field("Keep", 16), zero},
-      {7, Field(server_->ServerPath(victim), 512), zero},
+      {1, "", {}}, {2, "", kZero}, {5, "", {}}, {8, "", {}}, {10, "", kZero},
+      {3, Field("Keep", 16) + Le32(std::uint32_t(body.size())) + body, kZero},
+      {4, Field("Proofs", 100) + Field("Cut", 40), kZero8},
+      {6, Field("Keep", 16), kZero},
+      {7, Field(server_->ServerPath(victim), 512), kZero},
       {9, Field("first", 80) + Field("second", 80), ""},
-      {11, Field("Proofs", 80), zero4},
-      {23, Le32(3) + "Tab" + Le32(std::uint32_t(table.size())) + table, zero4}};
+      {11, Field("Proofs", 80), kZero4},
+      {23, Le32(3) + "Tab" + Le32(std::uint32_t(table.size())) + table, kZero4}};
   for (const auto& [code, request, cut] : requests) {
     for (std::size_t k : CutPoints(request.size())) {
       SCOPED_TRACE("code " + std::to_string(code) + " cut after " + std::to_string(k));
@@ -102,19 +98,18 @@ TEST_P(CutTest, EveryCommandCutAtEveryByte) {
 
 TEST_P(CutTest, BadValuesGetTheirDesignedAnswer) {
   const std::string d99(99, 'd'), d100(100, 'd'), c79(79, 'c'), c80(80, 'c');
-  WriteFile(server_->Gamut() / d99 / "In.gamut", "99", kTime);
-  WriteFile(server_->Gamut() / d100 / "In.gamut", "100", kTime);
-  WriteFile(server_->Gamut() / c79 / "A.cfg", "a");
-  WriteFile(server_->Gamut() / c80 / "A.cfg", "a");
+  for (const std::string& folder : {d99, d100})
+    WriteFile(server_->Gamut() / folder / "In.gamut", "99", kTime);
+  for (const std::string& folder : {c79, c80}) WriteFile(server_->Gamut() / folder / "A.cfg", "a");
+  for (const char* name : {"SixteenCharName.spl", "SixteenCharNameX.spl"})
+    WriteFile(server_->Spool() / name, "x");
   fs::create_directories(server_->Gamut() / "Proofs" / "Dir.gamut");
-  WriteFile(server_->Spool() / "SixteenCharName.spl", "x");
-  WriteFile(server_->Spool() / "SixteenCharNameX.spl", "x");
   // The tool answers 5 and jobfeeder is in place: a refusal shows as neither running.
   const StandinRecords records = server_->Records();
   server_->InstallTool();
   records.SetToolExit(5);
   server_->InstallJobfeeder(records.folder() / "programs");
-  const std::string data(5000, 'z'), zero = "\0"s, zero4(4, '\0'), zero8(8, '\0');
+  const std::string data(5000, 'z');
   // Each request whole, then a request for a job name where the server must still find it:
   // all the server sends after the opening byte until it ends the connection. The last two
   // rows must run the tool and start jobfeeder; so no row before them did.
@@ -123,43 +118,42 @@ TEST_P(CutTest, BadValuesGetTheirDesignedAnswer) {
     bool next = true;  // a fresh job name follows the answer
   };
   std::vector<Row> rows = {
-      {"gamut folder without NUL", Frame(4) + Field(d100, 100) + Field("In", 40), zero8},
-      {"gamut name without NUL", Frame(4) + Field("Proofs", 100) + std::string(40, 'n'), zero8},
-      {"gamut name of a folder", Frame(4) + Field("Proofs", 100) + Field("Dir", 40), zero8},
+      {"gamut folder without NUL", Frame(4) + Field(d100, 100) + Field("In", 40), kZero8},
+      {"gamut name without NUL", Frame(4) + Field("Proofs", 100) + std::string(40, 'n'), kZero8},
+      {"gamut name of a folder", Frame(4) + Field("Proofs", 100) + Field("Dir", 40), kZero8},
       {"gamut folder of 99", Frame(4) + Field(d99, 100) + Field("In", 40),
        Le32(kTime) + Le32(2) + "99"},
-      {"configuration folder of 80", Frame(11) + Field(c80, 80), zero4},
+      {"configuration folder of 80", Frame(11) + Field(c80, 80), kZero4},
       {"configuration folder of 79", Frame(11) + Field(c79, 80),
-       Le32(1) + Field("A\0cfg"s, 40) + Le32(1) + zero4},
+       Le32(1) + Field("A\0cfg"s, 40) + Le32(1) + kZero4},
       {"cancel name without NUL", Frame(6) + "SixteenCharNameX", "\x01"s},
-      {"delete path without NUL", Frame(7) + std::string(512, 'p'), zero},
+      {"delete path without NUL", Frame(7) + std::string(512, 'p'), kZero},
       {"quit fields without NUL", Frame(9) + std::string(160, 'q'), "", false},
       {"colour table name with a quote", Frame(23) + Le32(7) + "Gl\"ossy" + Le32(5000) + data,
-       zero4},
+       kZero4},
       {"colour table name of 4097 bytes (the most is 4096)",
-       Frame(23) + Le32(4097) + std::string(4097, 'n') + Le32(5000) + data, zero4}};
+       Frame(23) + Le32(4097) + std::string(4097, 'n') + Le32(5000) + data, kZero4}};
   for (std::string name : {"../up", "a/b", "a\\b", "C:up", "..", "x..y", "NNNNNNNNNNNNNNNN"})
-    rows.push_back({"upload name " + name, Frame(3) + Field(name, 16) + Le32(5000) + data, zero});
+    rows.push_back({"upload name " + name, Frame(3) + Field(name, 16) + Le32(5000) + data, kZero});
   // Over the ceilings (1 GiB of upload, 4096 bytes of name, 256 MiB of table data): what
   // comes is dropped until the client leaves.
   for (std::uint32_t huge : {(1u << 30) + 1, 1u << 31, 0xFFFFFFFFu}) {
     const std::string n = std::to_string(huge), huge4 = Le32(huge);
-    rows.push_back({"upload of " + n, Frame(3) + Field("Huge", 16) + huge4 + data, zero, false});
-    rows.push_back({"colour table name of " + n, Frame(23) + huge4 + data, zero4, false});
-    rows.push_back({"colour table data of " + n, Frame(23) + Le32(1) + "T" + huge4 + data, zero4,
+    rows.push_back({"upload of " + n, Frame(3) + Field("Huge", 16) + huge4 + data, kZero, false});
+    rows.push_back({"colour table name of " + n, Frame(23) + huge4 + data, kZero4, false});
+    rows.push_back({"colour table data of " + n, Frame(23) + Le32(1) + "T" + huge4 + data, kZero4,
                     false});
   }
   rows.push_back({"colour table of lengths 0", Frame(23) + Le32(0) + Le32(0), Le32(5)});
   rows.push_back({"upload of length 0", Frame(3) + Field("Zero", 16) + Le32(0), "\x01"s});
 
-  const auto spoolBefore = Listing(server_->Spool()), corvinaBefore = Listing(server_->Corvina());
+  auto spool = Listing(server_->Spool());
+  const auto corvina = Listing(server_->Corvina());
   const std::size_t starts = records.Starts().size();
   // The peaks of the address space and, reset to what is held now, of the resident memory.
-  const auto peaks = [pid = server_->pid()] {
-    return MemoryKb(pid, "VmPeak") + MemoryKb(pid, "VmHWM");
-  };
-  WriteFile("/proc/" + std::to_string(server_->pid()) + "/clear_refs", "5");
-  const long long peaksBefore = peaks();
+  const pid_t pid = server_->pid();
+  WriteFile("/proc/" + std::to_string(pid) + "/clear_refs", "5");
+  const long long peaks = MemoryKb(pid, "VmPeak") + MemoryKb(pid, "VmHWM");
   TakeTables(server_->TableFolder());
   const std::regex fresh(std::string("[0-9]{15}") + '\0'), nothing("");
   for (const Row& row : rows) {
@@ -177,15 +171,13 @@ TEST_P(CutTest, BadValuesGetTheirDesignedAnswer) {
   EXPECT_EQ(call->args[call->args.size() - 2], "");
   EXPECT_EQ(records.WaitForStarts(starts + 1).size(), starts + 1);
   // The upload of length 0 stored an empty file; the 16-character name was taken as it stood.
-  auto spoolAfter = spoolBefore;
-  spoolAfter.erase("SixteenCharNameX.spl");
-  spoolAfter.insert("Zero.spl");
-  EXPECT_EQ(Listing(server_->Spool()), spoolAfter);
-  EXPECT_EQ(Listing(server_->Corvina()), corvinaBefore);
+  spool.erase("SixteenCharNameX.spl"), spool.insert("Zero.spl");
+  EXPECT_EQ(Listing(server_->Spool()), spool);
+  EXPECT_EQ(Listing(server_->Corvina()), corvina);
   EXPECT_EQ(ReadFile(server_->Spool() / "Zero.spl"), "");
   // No block was taken for a refused length: 1 GiB would show in the address space on Linux
   // and in the resident memory under Wine (whose address space is reserved up front).
-  EXPECT_LT(peaks() - peaksBefore, 1 << 19) << "kB";
+  EXPECT_LT(MemoryKb(pid, "VmPeak") + MemoryKb(pid, "VmHWM") - peaks, 1 << 19) << "kB";
   fs::remove(server_->Pointer());  // Wine's data folder outlives the server
 }
 

@@ -2,7 +2,6 @@
 // files, configuration listings and colour tables, for little- and big-endian clients.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <set>
 
 #include "harness.h"
@@ -17,19 +16,24 @@ constexpr client::Marker kMarkers[] = {client::kLittleEndianMarker, client::kBig
 constexpr std::uint32_t kTime = 1700000000;  // 2023-11-14 22:13:20 UTC
 
 std::string U32(std::uint32_t v, ByteOrder order) {
-  std::string b(4, '\0');
-  for (int i = 0; i < 4; ++i) b[order == ByteOrder::kLittle ? i : 3 - i] = char(v >> 8 * i);
-  return b;
+  const std::string little = Le32(v);
+  return order == ByteOrder::kLittle ? little : std::string(little.rbegin(), little.rend());
 }
 
 class FilesTest : public ServerSuite {};
 
 TEST_P(FilesTest, GamutFiles) {
-  const std::string over = Pattern(8193);  // a full buffer and one byte
+  // A full buffer and one byte, and 64 MiB: far more than the server's buffer of 8 KiB.
+  const std::string over = Pattern(8193), big = Pattern(64 << 20);
   WriteFile(server_->Gamut() / "Proofs" / "Empty.gamut", "", kTime);
   WriteFile(server_->Gamut() / "Proofs" / "Over.gamut", over, kTime + 1);
-  const std::tuple<const char*, std::uint32_t, std::string> cases[] = {
-      {"Missing", 0, ""}, {"Empty", kTime, ""}, {"Over", kTime + 1, over}};
+  WriteFile(server_->Gamut() / "Proofs" / "Big.gamut", big, kTime + 2);
+  const std::tuple<const char*, std::uint32_t, std::string_view> cases[] = {
+      {"Missing", 0, ""}, {"Empty", kTime, ""}, {"Over", kTime + 1, over}, {"Big", kTime + 2, big}};
+  // The server streams the files: its peak resident memory (reset to what it holds now)
+  // grows by far less than the big one; by some hundred kB under Wine, some ten on Linux.
+  WriteFile("/proc/" + std::to_string(server_->pid()) + "/clear_refs", "5");
+  const long long before = MemoryKb(server_->pid(), "VmHWM");
   for (const client::Marker& marker : kMarkers) {
     const ByteOrder order = client::OrderOfMarker(marker);
     SCOPED_TRACE(client::OrderName(order));
@@ -40,19 +44,23 @@ TEST_P(FilesTest, GamutFiles) {
       ASSERT_TRUE(c.SendFrame(kvt::CMD_GET_GAMUT) && c.SendText("Proofs", 100) &&
                   c.SendText(base, 40))
           << c.error();
-      EXPECT_TRUE(Receive(c, 8 + content.size()) ==
-                  U32(mtime, order) + U32(std::uint32_t(content.size()), order) + content)
-          << base;
+      const std::string head = U32(mtime, order) + U32(std::uint32_t(content.size()), order);
+      EXPECT_TRUE(Receive(c, 8 + content.size()) == head + std::string(content)) << base;
     }
     EXPECT_TRUE(c.SendClose()) << c.error();
   }
+  EXPECT_LT(MemoryKb(server_->pid(), "VmHWM") - before, 16 << 10) << "kB";
   Outcome run = RunKvtctl({"--big-endian", "gamut", "Proofs", "Over"});  // to standard output
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_TRUE(run.out == over);
-  run = RunKvtctl({"gamut", "Proofs", "Missing", "-o", (server_->Gamut() / "out").string()});
+  const fs::path copy = server_->Gamut() / "copy", out = server_->Gamut() / "out";
+  run = RunKvtctl({"gamut", "Proofs", "Big", "-o", copy.string()}, {"TZ=UTC"});
+  EXPECT_EQ(run.out, copy.string() + ": 67108864 bytes, modified 2023-11-14 22:13:22\n") << run.err;
+  EXPECT_TRUE(ReadFile(copy) == big);
+  run = RunKvtctl({"gamut", "Proofs", "Missing", "-o", out.string()});
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.err, "kvtctl: no gamut file Missing.gamut in Proofs\n");
-  EXPECT_FALSE(fs::exists(server_->Gamut() / "out"));
+  EXPECT_FALSE(fs::exists(out));
 }
 
 TEST_P(FilesTest, ConfigurationListing) {
@@ -103,15 +111,13 @@ TEST_P(FilesTest, ColorTableRegistration) {
   const fs::path tables = server_->TableFolder();
   fs::remove_all(tables);  // Wine's temporary folder outlives the server
   // The tool's last call (a program path with blanks may come split into several words):
-  // "-add", the name, and a new ".ldf" file that holds the data, complete while the tool ran.
+  // "-add", the name, and a new ".ldf" file, which held the data complete when the tool ran.
   auto expectCall = [&](const std::string& name, const std::string& data) {
     const auto call = records.TakeToolCall();
     ASSERT_TRUE(call && call->args.size() >= 3);
     const auto args = call->args.end() - 3;
-    EXPECT_EQ(args[0], "-add");
-    EXPECT_EQ(args[1], name);
-    EXPECT_EQ(server_->HostPath(args[2]).extension(), ".ldf");
-    EXPECT_TRUE(ReadFile(server_->HostPath(args[2])) == data && call->data == data);
+    EXPECT_TRUE(args[0] == "-add" && args[1] == name && call->data == data) << args[1];
+    EXPECT_EQ(fs::path(args[2]).extension(), ".ldf");
   };
   for (const client::Marker& marker : kMarkers) {
     SCOPED_TRACE(client::OrderName(client::OrderOfMarker(marker)));
@@ -144,36 +150,6 @@ TEST_P(FilesTest, ColorTableRegistration) {
   EXPECT_EQ(stored, (std::multiset<std::string>{Pattern(1000, 4), Pattern(1000, 1), "", "",
                                                 Pattern(5000), "satin"}));
   fs::remove_all(tables);
-}
-
-// The server streams a gamut file through its buffer of 8 KiB: its resident memory grows by
-// far less than the file (under Wine too: some hundred kB there, some ten on Linux).
-TEST_P(FilesTest, KvtctlGamutCopiesLargeFileStreamed) {
-  const fs::path folder = server_->Gamut() / "Big", original = folder / "Big.gamut",
-                 copy = folder / "copy";
-  constexpr int kMiB = 64;
-  fs::create_directories(folder);
-  {
-    std::ofstream out(original, std::ios::binary);
-    for (int i = 0; i < kMiB; ++i) out << Pattern(1 << 20, i);
-  }
-  SetTime(original, kTime);
-  // The peak resident size, reset to what the server holds now.
-  WriteFile("/proc/" + std::to_string(server_->pid()) + "/clear_refs", "5");
-  const long long before = MemoryKb(server_->pid(), "VmHWM");
-  Outcome run = RunKvtctl({"gamut", "Big", "Big", "-o", copy.string()}, {"TZ=UTC"});
-  EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.out, copy.string() + ": 67108864 bytes, modified 2023-11-14 22:13:20\n");
-  EXPECT_LT(MemoryKb(server_->pid(), "VmHWM") - before, kMiB << 10 >> 2) << "kB";
-  // Compared piece by piece with what was written: neither is held whole.
-  std::ifstream in(copy, std::ios::binary);
-  std::string piece(1 << 20, '\0');
-  int same = 0;
-  while (same < kMiB && in.read(piece.data(), piece.size()) && piece == Pattern(1 << 20, same))
-    ++same;
-  EXPECT_EQ(same, kMiB);
-  EXPECT_TRUE(in.read(piece.data(), 1).eof() && in.gcount() == 0);
-  fs::remove_all(folder);
 }
 
 INSTANTIATE_TEST_SUITE_P(Linux, FilesTest, ::testing::Values(Kind::kLinux));
