@@ -56,9 +56,9 @@ TEST_P(CutTest, EveryCommandCutAtEveryByte) {
   const fs::path victim = server_->Gamut() / "victim";
   WriteFile(server_->Spool() / "Keep.spl", "the old spool file");
   WriteFile(victim, "victim");
-  const std::string gamut = Pattern(3000), body = Pattern(100000, 1), table = Pattern(1000, 2);
+  const std::string gamut = Pattern(3000), sentGamut = Le32(kTime) + Le32(3000) + gamut,
+                    body = Pattern(100000, 1), table = Pattern(1000, 2);
   WriteFile(server_->Gamut() / "Proofs" / "Cut.gamut", gamut, kTime);
-  const std::string sentGamut = Le32(kTime) + Le32(3000) + gamut;
   const auto spoolBefore = Listing(server_->Spool());
   TakeTables(server_->TableFolder());
   // The opening marker cut short: nothing is answered and the connection ends.

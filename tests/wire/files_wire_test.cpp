@@ -42,8 +42,7 @@ TEST_P(FilesTest, GamutFiles) {
     // one begins): the time, then the size, both in client order; the content as it is.
     for (const auto& [base, mtime, content] : cases) {
       ASSERT_TRUE(c.SendFrame(kvt::CMD_GET_GAMUT) && c.SendText("Proofs", 100) &&
-                  c.SendText(base, 40))
-          << c.error();
+                  c.SendText(base, 40)) << c.error();
       const std::string head = U32(mtime, order) + U32(std::uint32_t(content.size()), order);
       EXPECT_TRUE(Receive(c, 8 + content.size()) == head + std::string(content)) << base;
     }
@@ -84,9 +83,8 @@ TEST_P(FilesTest, ConfigurationListing) {
     // Byte for byte: the count and the times in client order, the sizes little-endian in
     // either; a missing folder lists none.
     std::string listing = U32(4, order);
-    for (auto [field, size, mtime] : rows)
-      listing +=
-          field.append(40 - field.size(), '\0') + U32(size, ByteOrder::kLittle) + U32(mtime, order);
+    for (const auto& [name, size, mtime] : rows)
+      listing += Field(name, 40) + Le32(size) + U32(mtime, order);
     Connection c = Opened(marker);
     for (const auto& [folder, expected] : {std::pair{"Sub", listing}, {"Missing", U32(0, order)}}) {
       ASSERT_TRUE(c.SendFrame(kvt::CMD_LIST_CONFIGS) && c.SendText(folder, 80)) << c.error();
