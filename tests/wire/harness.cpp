@@ -380,4 +380,11 @@ std::string Server::Stop() {
   return {};
 }
 
+// Memory of a Linux process, for the memory checks of the wire tests.
+long long MemoryKb(pid_t pid, const std::string& field) {
+  const std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
+  const std::size_t at = status.find("\n" + field + ":");
+  return at == std::string::npos ? -1 : std::stoll(status.substr(at + field.size() + 2));
+}
+
 }  // namespace kvt::wire

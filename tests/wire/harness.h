@@ -142,4 +142,8 @@ class ServerSuite : public KindTest {
   static inline std::string startError_;
 };
 
+// Memory of a Linux process, for checks that the server takes no block it must not: a field
+// of /proc/PID/status in kB ("VmPeak", "VmHWM"), -1 when there is none.
+long long MemoryKb(pid_t pid, const std::string& field);
+
 }  // namespace kvt::wire
