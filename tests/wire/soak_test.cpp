@@ -21,12 +21,6 @@ namespace {
 using namespace std::chrono_literals;
 using client::Connection;
 
-long ResidentKb(pid_t pid) {
-  const std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
-  const std::size_t at = status.find("VmRSS:");
-  return at == std::string::npos ? -1 : std::atol(status.c_str() + at + 6);
-}
-
 enum Op { kJobs, kName, kUpload, kGamut, kConfigs, kTable, kLists, kReference, kDelete, kCut, kHandoff };
 constexpr const char* kOpNames[] = {"job listing",  "job name", "upload+delete", "gamut",
                                     "configs",      "colour table", "printer+scanner list",
@@ -123,11 +117,11 @@ TEST_P(SoakTest, ManyClientsEveryCommand) {
   std::vector<std::thread> clients;
   for (unsigned i = 0; i < 64; ++i) clients.emplace_back(Client, std::ref(tally), i, start + length);
   std::this_thread::sleep_for(length / 4);  // the warm-up
-  const long warm = ResidentKb(server.pid());
+  const long warm = MemoryKb(server.pid(), "VmRSS");
   std::this_thread::sleep_for(length * 5 / 8);
-  const long late = ResidentKb(server.pid());  // still under load
+  const long late = MemoryKb(server.pid(), "VmRSS");  // still under load
   for (std::thread& t : clients) t.join();
-  const long end = ResidentKb(server.pid());
+  const long end = MemoryKb(server.pid(), "VmRSS");
 
   EXPECT_EQ(tally.errors, 0) << "first: " << tally.first;
   EXPECT_TRUE(WaitUntil([&] { return Holdings(server.pid()) == *idle; }, 10s))
