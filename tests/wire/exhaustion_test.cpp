@@ -151,10 +151,11 @@ TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
   const bool onWine = GetParam() == Kind::kWine;
   const fs::path spool = server.Gamut().parent_path() / "spool";
   const std::string body = Repeated(512u << 20, 0), table = Repeated(250'000'000, 1);
-  auto upload = [&](int i) -> std::optional<std::uint32_t> {
+  auto upload = [&](int i) -> std::optional<std::uint32_t> {  // upload 3: a byte more
     client::Connection c = Patient();
     if (!c.SendFrame(kvt::CMD_UPLOAD_SPOOL) || !c.SendText("Big" + std::to_string(i), 16) ||
-        !c.SendU32(std::uint32_t(body.size())) || !c.SendBytes(body.data(), body.size()))
+        !c.SendU32(std::uint32_t(body.size()) + (i == 3)) || !c.SendBytes(body.data(), body.size()) ||
+        (i == 3 && !c.SendBytes("x", 1)))
       return std::nullopt;
     return c.RecvByte();
   };
@@ -172,7 +173,12 @@ TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
        "Wine keeps the sockets in wineserver, and a limit on the Wine process breaks Wine's "
        "own pipes (\"wine client error: pipe: Too many open files\") before an accept fails"},
       {"memory 1 GiB, three uploads of 512 MiB", "memory", "memory.limit_in_bytes", 1u << 30,
-       [&] { AtOnce(server, 3, upload, 1, spool, body); }, ""},
+       [&] {
+         AtOnce(server, 3, upload, 1, spool, body);
+         // Half the group's limit is the budget: a body over it is refused at once.
+         EXPECT_EQ(upload(3), 0u);
+         EXPECT_FALSE(fs::exists(spool / "Big3.spl"));
+       }, ""},
       {"memory 1 GiB, four colour tables of 250 MB", "memory", "memory.limit_in_bytes", 1u << 30,
        [&] { AtOnce(server, 4, register_, 5, server.TableFolder(), table); }, ""},
       {"threads 40, 100 clients", "pids", "pids.max", 40, [&] { Hold(server, 100); }, ""}};
