@@ -206,6 +206,7 @@ TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
                                       " && exec \"$@\"", "sh"}
                           : Words{"prlimit", "--nofile=" + std::to_string(row.value)});
     fs::remove_all(spool), fs::create_directories(spool), fs::remove_all(server.TableFolder());
+    fs::remove_all(server.cwd()), fs::create_directories(server.cwd());  // the row's own log
     ASSERT_EQ(server.StartListening({"-debug"}), "");
     if (group && !onWine) {
       EXPECT_TRUE(std::regex_search(ReadFile("/proc/" + std::to_string(server.pid()) + "/limits"),
