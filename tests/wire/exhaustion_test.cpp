@@ -184,7 +184,7 @@ TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
       {"threads 40, 100 clients", "pids", "pids.max", 40, [&] { Hold(server, 100); }, ""}};
   // Wine tells the program the host's memory, whatever the group's limit: there the budget
   // is the operator's setting, half the limit as on Linux.
-  const std::string budget = onWine ? "export KVTNETD_BODY_MEMORY=512M && " : "";
+  const std::string budget = "export KVTNETD_BODY_MEMORY=512M && ";
   server.InstallTool();
   WriteFile(server.ToolRecords() / "exit-code", "5");
   std::string notMade;
@@ -194,21 +194,24 @@ TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
       continue;
     }
     SCOPED_TRACE(row.limit);
+    // ThreadSanitizer's shadow memory, charged to the group, is several times what the server
+    // holds: there the memory rows run outside a group, with the budget set as under Wine.
+    const bool outside = KVT_SANITIZER_THREADS && row.controller && row.controller == "memory"s;
     std::optional<Group> group;
-    if (row.controller) group.emplace(server, row.controller, row.file, row.value);
+    if (row.controller && !outside) group.emplace(server, row.controller, row.file, row.value);
     if (group && group->folder.empty()) {
       notMade += row.limit + ": no writable /sys/fs/cgroup/"s + row.controller + "; ";
       continue;
     }
+    const std::string join = group ? "echo $$ > " + (group->folder / "cgroup.procs").string() + " && " : "";
     // The soft descriptor limit is raised to the hard one (checked where it can't matter).
-    server.WrapWith(group ? Words{"prlimit", "--nofile=1024:8192", "sh", "-c",
-                                  budget + "echo $$ > " + (group->folder / "cgroup.procs").string() +
-                                      " && exec \"$@\"", "sh"}
-                          : Words{"prlimit", "--nofile=" + std::to_string(row.value)});
+    server.WrapWith(row.controller ? Words{"prlimit", "--nofile=1024:8192", "sh", "-c",
+                                           (onWine || outside ? budget : "") + join + "exec \"$@\"", "sh"}
+                                   : Words{"prlimit", "--nofile=" + std::to_string(row.value)});
     fs::remove_all(spool), fs::create_directories(spool), fs::remove_all(server.TableFolder());
     fs::remove_all(server.cwd()), fs::create_directories(server.cwd());  // the row's own log
     ASSERT_EQ(server.StartListening({"-debug"}), "");
-    if (group && !onWine) {
+    if (row.controller && !onWine) {
       EXPECT_TRUE(std::regex_search(ReadFile("/proc/" + std::to_string(server.pid()) + "/limits"),
                                     std::regex("Max open files +8192 +8192")));
     }
