@@ -7,6 +7,7 @@
 #include "platform/files.h"
 #include "platform/spawn.h"
 #include "server/wire.h"
+#include "support/body_budget.h"
 #include "support/folders.h"
 #include "support/text.h"
 
@@ -22,12 +23,16 @@ constexpr const char* kStoredFile = "%s/%X%X.ldf";
 // second that drew the same number.
 constexpr int kNameAttempts = 64;
 
-// A zero-filled block of `length` bytes read from the connection, or null, with the bytes
-// drained, when the length is over `ceiling` or the block can't be had.
+// A zero-filled block of `length` + `extra` bytes read from the connection, or null, with
+// the bytes drained, when the length is over `ceiling` or the block can't be had: not from
+// the body budget, or not from the heap. A block is given back with FreeBlock.
 char* ReceiveBlock(net::Socket socket, std::uint32_t length, std::uint32_t ceiling,
                    std::size_t extra) {
   char* block = nullptr;
-  if (length <= ceiling) block = static_cast<char*>(std::calloc(length + extra, 1));
+  if (length <= ceiling && TakeBodyBytes(length + extra)) {
+    block = static_cast<char*>(std::calloc(length + extra, 1));
+    if (block == nullptr) GiveBodyBytes(length + extra);
+  }
   if (block == nullptr) {
     DrainBytes(socket, length);
     return nullptr;
@@ -35,6 +40,12 @@ char* ReceiveBlock(net::Socket socket, std::uint32_t length, std::uint32_t ceili
   // A block that arrives short is used as far as it came, the rest zero.
   RecvAll(socket, block, static_cast<int>(length));
   return block;
+}
+
+void FreeBlock(char* block, std::size_t size) {
+  if (block == nullptr) return;
+  std::free(block);
+  GiveBodyBytes(size);
 }
 
 std::uint32_t ReceiveLength(net::Socket socket) {
@@ -102,9 +113,9 @@ Served RegisterColorTable(ConnectionRecord& record) {
   char line[200];
   bool stored = name != nullptr && data != nullptr &&
                 StoreTable(name, data, dataLength, path, line);
-  std::free(data);  // not held while the tool runs
+  FreeBlock(data, dataLength + (dataLength == 0));  // not held while the tool runs
   std::uint32_t result = stored ? RunTool(line, name, path) : 0;
-  std::free(name);
+  FreeBlock(name, nameLength + 1);
 
   std::uint8_t bytes[4];
   PutLe32(bytes, result);  // little-endian for every client

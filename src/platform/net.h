@@ -35,8 +35,18 @@ Socket OpenListener(const std::uint8_t addr[4], std::uint16_t port, int backlog)
 // for each socket that can accept.
 int WaitReadable(const Socket* sockets, int count, bool* ready);
 
-// accept() on a listening socket; kNoSocket on failure.
-Socket Accept(Socket listener);
+// accept() on a listening socket; kNoSocket on failure. *exhausted tells whether it failed
+// for lack of descriptors or buffers (EMFILE, ENFILE, ENOBUFS, ENOMEM; WSAEMFILE,
+// WSAENOBUFS): the connection then stays queued and the socket stays ready.
+Socket Accept(Socket listener, bool* exhausted = nullptr);
+
+// A descriptor (Windows: a socket) held only so that it can be let go when the process has
+// none left; kNoSocket when none could be had. Close it with Close.
+Socket OpenSpare();
+
+// Ends a connection the server will not serve so that its client reads the end of the
+// stream (the end is sent before the socket is closed) instead of a reset.
+void Refuse(Socket s);
 
 // The local port a socket is bound to (0 if unknown): for listeners bound to port 0.
 std::uint16_t LocalPort(Socket s);

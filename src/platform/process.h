@@ -1,5 +1,6 @@
-// The process itself: its argument text, file modes and clock.
+// The process itself: its argument text, file modes, clock and the resources it may use.
 #pragma once
+#include <cstdint>
 #include <ctime>
 
 namespace kvt::process {
@@ -19,6 +20,16 @@ void SetBinaryMode();
 // instead of ending the process: one upload fails, not the server. POSIX: SIGXFSZ is
 // ignored. Windows has no such limit: nothing to do.
 void KeepRunningAtFileSizeLimit();
+
+// Raises the soft limit on open descriptors to the hard limit: every connection holds one.
+// Windows has no such limit: nothing to do.
+void RaiseDescriptorLimit();
+
+// The memory the process may use, in bytes: the physical memory, or less where a limit is
+// set for the process. POSIX: the memory cgroup's limit, the tightest one from the process's
+// own group up (cgroup v2 memory.max, v1 memory.limit_in_bytes). Windows: the job object's
+// process or job memory limit. 0 when not even the physical memory can be told.
+std::uint64_t UsableMemory();
 
 // The local time now; false if the platform cannot tell.
 bool LocalTimeNow(std::tm* out);

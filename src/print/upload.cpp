@@ -9,6 +9,7 @@
 #include "platform/files.h"
 #include "platform/launch.h"
 #include "server/wire.h"
+#include "support/body_budget.h"
 #include "support/folders.h"
 #include "support/text.h"
 
@@ -39,7 +40,9 @@ void StartJobfeeder() {
 // is mapped anew and takes a page fault for each of its pages at first touch, which costs
 // more than receiving the body; a kept block is already in place. What is kept is bounded
 // (kKeptBlocks blocks, kKeptBytes in all), so a body near the 1 GiB ceiling is freed after
-// its upload as before, and idle memory stays below that bound.
+// its upload as before, and idle memory stays below that bound. Every block, kept or in
+// use, is counted in the body budget; kept blocks are freed whenever a request finds the
+// budget short.
 class BodyBlocks {
  public:
   struct Block {
@@ -48,7 +51,8 @@ class BodyBlocks {
   };
 
   // A block of at least `length` bytes: the smallest kept one that is large enough, else a
-  // fresh one; a null block when none can be allocated even after letting go of the kept.
+  // fresh one; a null block when the budget has no room for it or none can be allocated
+  // even after letting go of the kept.
   Block Take(std::size_t length) {
     {
       std::lock_guard lock(mutex_);
@@ -60,10 +64,12 @@ class BodyBlocks {
     }
     // Rounded up so that bodies of nearly the same length share a block (1 GiB stays 1 GiB).
     const std::size_t size = length > kGrain ? (length + kGrain - 1) / kGrain * kGrain : kGrain;
+    if (!TakeBodyBytes(size)) return {};
     Block fresh{static_cast<char*>(std::malloc(size)), size};
     if (fresh.data == nullptr) {
       Release();
       fresh.data = static_cast<char*>(std::malloc(size));
+      if (fresh.data == nullptr) GiveBodyBytes(size);
     }
     return fresh;
   }
@@ -83,13 +89,23 @@ class BodyBlocks {
       if (block.size > place->size && total - place->size + block.size <= kKeptBytes)
         dropped = std::exchange(*place, block);
     }
-    std::free(dropped.data);
+    Free(dropped);
+  }
+
+  void Release() {
+    Block released[kKeptBlocks];
+    {
+      std::lock_guard lock(mutex_);
+      for (int i = 0; i < kKeptBlocks; ++i) released[i] = std::exchange(kept_[i], Block{});
+    }
+    for (Block& k : released) Free(k);
   }
 
  private:
-  void Release() {
-    std::lock_guard lock(mutex_);
-    for (Block& k : kept_) std::free(std::exchange(k, Block{}).data);
+  static void Free(Block block) {
+    if (block.data == nullptr) return;
+    std::free(block.data);
+    GiveBodyBytes(block.size);
   }
 
   static constexpr std::size_t kGrain = 64 * 1024;
@@ -100,6 +116,11 @@ class BodyBlocks {
 };
 
 BodyBlocks bodyBlocks;
+
+// Lets every request that finds the budget short free the kept blocks.
+struct ReclaimKeptBlocks {
+  ReclaimKeptBlocks() { SetBodyBytesReclaim([] { bodyBlocks.Release(); }); }
+} reclaimKeptBlocks;
 
 // Receives the body whole, then stores it: an existing file is touched only once every
 // byte has arrived. True when the whole body was written.

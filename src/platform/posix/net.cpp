@@ -1,6 +1,7 @@
 #include "platform/net.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -88,11 +89,25 @@ int WaitReadable(const Socket* sockets, int count, bool* ready) {
   return n;
 }
 
-Socket Accept(Socket listener) {
+Socket Accept(Socket listener, bool* exhausted) {
   int s;
   do s = ::accept4(static_cast<int>(listener), nullptr, nullptr, SOCK_CLOEXEC);
   while (s < 0 && errno == EINTR);
+  if (exhausted != nullptr)
+    *exhausted = s < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM);
   return s < 0 ? kNoSocket : s;
+}
+
+Socket OpenSpare() {
+  int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  return fd < 0 ? kNoSocket : fd;
+}
+
+void Refuse(Socket s) {
+  // The end goes out first: a close with the client's opening bytes still unread would
+  // otherwise send a reset in its place.
+  ::shutdown(static_cast<int>(s), SHUT_WR);
+  ::close(static_cast<int>(s));
 }
 
 std::uint16_t LocalPort(Socket s) {

@@ -1,10 +1,64 @@
 #include "platform/process.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 namespace kvt::process {
+
+namespace {
+
+// The folder of the process's memory cgroup and the mount it lies in: the hierarchy with the
+// memory controller under cgroup v1, else the unified one (v2). The group's path from
+// /proc/self/cgroup is relative to the hierarchy's root, of which the mount shows `root`.
+struct Group {
+  std::string folder, mount, limitFile;
+};
+
+bool FindMemoryGroup(Group& group) {
+  std::ifstream groups("/proc/self/cgroup");
+  std::string line, path, version;
+  while (std::getline(groups, line)) {  // "id:controllers:path"
+    const std::size_t first = line.find(':'), second = line.find(':', first + 1);
+    if (first == std::string::npos || second == std::string::npos) continue;
+    const std::string controllers = "," + line.substr(first + 1, second - first - 1) + ",";
+    if (controllers.find(",memory,") != std::string::npos) {
+      path = line.substr(second + 1), version = "cgroup";
+      break;
+    }
+    if (controllers == ",," && line.compare(0, first, "0") == 0)
+      path = line.substr(second + 1), version = "cgroup2";
+  }
+  if (version.empty()) return false;
+  group.limitFile = version == "cgroup" ? "/memory.limit_in_bytes" : "/memory.max";
+  // mountinfo: id parent dev root mountpoint options [tags] - fstype source superoptions
+  std::ifstream mounts("/proc/self/mountinfo");
+  while (std::getline(mounts, line)) {
+    std::istringstream fields(line);
+    std::string id, parent, dev, root, point, word, type, source, options;
+    fields >> id >> parent >> dev >> root >> point;
+    while (fields >> word && word != "-") {
+    }
+    fields >> type >> source >> options;
+    if (type != version || (version == "cgroup" && ("," + options + ",").find(",memory,") ==
+                                                       std::string::npos))
+      continue;
+    if (root != "/" && path.compare(0, root.size(), root) != 0) continue;
+    group.mount = point;
+    group.folder = point + (root == "/" ? path : path.substr(root.size()));
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
 
 const char* ArgumentText(int argc, char** argv) {
   // Quoting only what holds a blank (or is empty) gives back the same words when the text
@@ -25,6 +79,32 @@ const char* ArgumentText(int argc, char** argv) {
 void SetBinaryMode() {}
 
 void KeepRunningAtFileSizeLimit() { std::signal(SIGXFSZ, SIG_IGN); }
+
+void RaiseDescriptorLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+std::uint64_t UsableMemory() {
+  const long pages = ::sysconf(_SC_PHYS_PAGES), pageSize = ::sysconf(_SC_PAGESIZE);
+  std::uint64_t usable = pages > 0 && pageSize > 0 ? std::uint64_t(pages) * std::uint64_t(pageSize) : 0;
+  // A parent group's limit binds its children too: the tightest on the way up counts. "max"
+  // (v2) and v1's huge "unlimited" number read as no tighter than physical memory.
+  Group group;
+  if (!FindMemoryGroup(group)) return usable;
+  for (std::string folder = group.folder;; folder.erase(folder.rfind('/'))) {
+    std::ifstream file(folder + group.limitFile);
+    std::string value;
+    if (file >> value && value != "max") {
+      const std::uint64_t limit = std::strtoull(value.c_str(), nullptr, 10);
+      if (limit > 0) usable = usable == 0 ? limit : std::min(usable, limit);
+    }
+    if (folder.size() <= group.mount.size() || folder.rfind('/') == std::string::npos) break;
+  }
+  return usable;
+}
 
 bool LocalTimeNow(std::tm* out) {
   std::time_t now = std::time(nullptr);

@@ -84,8 +84,20 @@ int WaitReadable(const Socket* sockets, int count, bool* ready) {
   return n == SOCKET_ERROR ? -1 : n;
 }
 
-Socket Accept(Socket listener) {
-  return Wrap(NotInherited(::accept(Native(listener), nullptr, nullptr)));
+Socket Accept(Socket listener, bool* exhausted) {
+  SOCKET s = NotInherited(::accept(Native(listener), nullptr, nullptr));
+  if (exhausted != nullptr) {
+    const int error = s == INVALID_SOCKET ? ::WSAGetLastError() : 0;
+    *exhausted = error == WSAEMFILE || error == WSAENOBUFS;
+  }
+  return Wrap(s);
+}
+
+Socket OpenSpare() { return Wrap(NotInherited(::socket(AF_INET, SOCK_STREAM, 0))); }
+
+void Refuse(Socket s) {
+  ::shutdown(Native(s), SD_SEND);
+  ::closesocket(Native(s));
 }
 
 std::uint16_t LocalPort(Socket s) {

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <initializer_list>
+#include <utility>
 
 namespace kvt::process {
 
@@ -41,6 +42,24 @@ void SetBinaryMode() {
 }
 
 void KeepRunningAtFileSizeLimit() {}
+
+void RaiseDescriptorLimit() {}
+
+std::uint64_t UsableMemory() {
+  MEMORYSTATUSEX status{};
+  status.dwLength = sizeof status;
+  std::uint64_t usable = ::GlobalMemoryStatusEx(&status) ? status.ullTotalPhys : 0;
+  // A job object that limits the process's (or all its processes') committed memory.
+  JOBOBJECT_EXTENDED_LIMIT_INFORMATION job{};
+  if (::QueryInformationJobObject(nullptr, JobObjectExtendedLimitInformation, &job, sizeof job,
+                                  nullptr)) {
+    const DWORD flags = job.BasicLimitInformation.LimitFlags;
+    for (auto [flag, limit] : {std::pair{DWORD{JOB_OBJECT_LIMIT_PROCESS_MEMORY}, job.ProcessMemoryLimit},
+                               std::pair{DWORD{JOB_OBJECT_LIMIT_JOB_MEMORY}, job.JobMemoryLimit}})
+      if ((flags & flag) != 0 && limit > 0 && (usable == 0 || limit < usable)) usable = limit;
+  }
+  return usable;
+}
 
 bool LocalTimeNow(std::tm* out) {
   std::time_t now = std::time(nullptr);

@@ -1,0 +1,31 @@
+// The body budget: the bytes that all connections together may hold at once for what clients
+// send and size themselves (spool upload bodies, colour table names and data). A request
+// whose bytes don't fit is refused like one over its own ceiling, so that memory runs short
+// for one request, not for the server.
+#pragma once
+#include <cstdint>
+
+namespace kvt {
+
+// The operator's setting: a number of bytes, optionally followed by K, M or G (binary).
+inline constexpr const char* kBodyBudgetVariable = "KVTNETD_BODY_MEMORY";
+
+// How long a request waits for others to give bytes back before it is refused.
+inline constexpr int kBodyBudgetWaitMs = 10000;
+
+// Sets the budget: `setting` when it holds a valid size, else half of `usable` (the memory
+// the process may use). Until it is called the budget has no bound.
+void SetBodyBudget(const char* setting, std::uint64_t usable);
+std::uint64_t BodyBudget();
+
+// Takes `bytes` from the budget. When they don't fit, memory kept for reuse is given back
+// first, then the call waits up to kBodyBudgetWaitMs for other requests to end; more than
+// the whole budget is refused at once. False when the bytes can't be had.
+bool TakeBodyBytes(std::uint64_t bytes);
+void GiveBodyBytes(std::uint64_t bytes);
+
+// Called, without the budget's lock, when a request finds the budget short: frees memory
+// kept for later requests and gives its bytes back.
+void SetBodyBytesReclaim(void (*reclaim)());
+
+}  // namespace kvt
