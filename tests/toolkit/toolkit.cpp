@@ -41,10 +41,14 @@ std::string ReadFile(const fs::path& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
+namespace {
+
 void SetTime(const fs::path& file, std::uint32_t mtime) {
   using namespace std::chrono;
   fs::last_write_time(file, file_clock::from_sys(sys_seconds{seconds{mtime}}));
 }
+
+}  // namespace
 
 void WriteFile(const fs::path& file, std::string_view content, std::optional<std::uint32_t> mtime) {
   fs::create_directories(file.parent_path());
@@ -63,10 +67,6 @@ std::set<std::string> Listing(const fs::path& folder) {
   std::error_code missing;
   for (const auto& entry : fs::directory_iterator(folder, missing)) names.insert(entry.path().filename().string());
   return names;
-}
-
-void WritePointer(const fs::path& commonData, const std::string& product, const std::string& folder) {
-  WriteFile(commonData / "Velmora" / product, folder + "\n");
 }
 
 ScratchFolder::ScratchFolder() {

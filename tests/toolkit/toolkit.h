@@ -32,14 +32,11 @@ std::string ReadFile(const fs::path& path);
 // 1970 UTC) when one is given.
 void WriteFile(const fs::path& file, std::string_view content,
                std::optional<std::uint32_t> mtime = std::nullopt);
-void SetTime(const fs::path& file, std::uint32_t mtime);
 // Copies a program to `to` (creating the folder). A copy there that an earlier test started
 // may still run, and writing over a running program fails: it is removed first.
 void InstallProgram(const fs::path& from, const fs::path& to);
 // The names in a folder (none when it is missing).
 std::set<std::string> Listing(const fs::path& folder);
-// Writes the pointer file "<common data>/Velmora/<product>" naming `folder`.
-void WritePointer(const fs::path& commonData, const std::string& product, const std::string& folder);
 
 // A fresh folder below the temporary folder, removed with the object.
 class ScratchFolder {

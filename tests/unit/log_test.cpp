@@ -49,18 +49,13 @@ class LogFileTest : public ::testing::Test {
     DebugMode = false;
     fs::current_path(previous_);
   }
-  std::vector<fs::path> LogFiles() const {
-    std::vector<fs::path> files;
-    for (const auto& entry : fs::directory_iterator(folder_.path())) files.push_back(entry.path());
-    return files;
-  }
   const fs::path previous_ = fs::current_path();
   test::ScratchFolder folder_;
 };
 
 TEST_F(LogFileTest, WritesOnlyInDebugModeAndNeverMixesLines) {
   LogWrite("KVTnetd", "not written");
-  EXPECT_TRUE(LogFiles().empty());
+  EXPECT_TRUE(test::Listing(folder_.path()).empty());
 
   DebugMode = true;
   constexpr int kThreads = 4, kLines = 100;
@@ -71,9 +66,9 @@ TEST_F(LogFileTest, WritesOnlyInDebugModeAndNeverMixesLines) {
     });
   for (auto& w : writers) w.join();
 
-  auto files = LogFiles();
+  const auto files = test::Listing(folder_.path());
   ASSERT_EQ(files.size(), 1u);
-  std::ifstream in(files[0]);  // text mode: CR LF reads as LF
+  std::ifstream in(folder_.path() / *files.begin());  // text mode: CR LF reads as LF
   std::string line;
   std::vector<int> next(kThreads, 0);
   const std::regex entry("KVTnetd: writer ([0-3]) line ([0-9]+)");

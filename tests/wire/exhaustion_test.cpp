@@ -8,7 +8,7 @@
 #include <atomic>
 #include <fstream>
 #include <regex>
-#include <sstream>
+#include <cstdio>
 #include <thread>
 
 #include "client/spool_client.h"
@@ -36,52 +36,15 @@ struct Group {
   ~Group() {
     server.Stop();
     std::error_code e;
-    if (!folder.empty()) WaitUntil([&] { return fs::remove(folder, e); }, 10s);
+    if (!folder.empty()) WaitUntil([&] { return fs::remove(folder, e); });
   }
 };
 
-// `size` bytes of a pattern repeating at a prime length (Pattern alone is slow at this size).
-std::string Repeated(std::size_t size, int seed) {
-  const std::string piece = Pattern(999'983, seed);
-  std::string bytes;
-  while (bytes.size() < size) bytes.append(piece, 0, std::min(piece.size(), size - bytes.size()));
-  return bytes;
-}
-
-// The files of `folder`, each of which must have the size of `bytes` and hold them at its
-// start, middle and end (reading them all back from disk would take longer than the row).
-std::size_t FilesHolding(const fs::path& folder, const std::string& bytes) {
-  std::size_t count = 0;
-  std::error_code none;  // no folder: no file
-  for (const auto& file : fs::directory_iterator(folder, none)) {
-    std::ifstream in(file.path(), std::ios::binary);
-    std::string piece(1 << 20, '\0');
-    for (std::size_t at : {std::size_t(0), bytes.size() / 2, bytes.size() - piece.size()})
-      EXPECT_TRUE(in.seekg(std::streamoff(at)).read(piece.data(), std::streamsize(piece.size())) &&
-                  bytes.compare(at, piece.size(), piece) == 0) << file.path() << " at " << at;
-    EXPECT_EQ(fs::file_size(file), bytes.size()) << file.path();
-    ++count;
-  }
-  return count;
-}
-
 long CpuTicks(pid_t pid) {  // user and system time: fields 14 and 15 of /proc/PID/stat
   const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
-  std::istringstream fields(stat.substr(stat.rfind(')') + 2));  // from field 3 on
-  std::string skipped;
   long user = 0, system = 0;
-  for (int i = 3; i < 14; ++i) fields >> skipped;
-  return fields >> user >> system ? user + system : -1;
-}
-
-std::size_t AcceptFailures(const Server& server) {  // lines of the debug log
-  std::size_t count = 0;
-  for (const auto& file : fs::directory_iterator(server.cwd())) {
-    const std::string log = file.path().filename().string().starts_with("KVTnetd-S") ? ReadFile(file) : "";
-    for (std::size_t at = 0; (at = log.find(": accept failed\n", at)) != std::string::npos; ++at)
-      ++count;
-  }
-  return count;
+  return std::sscanf(stat.c_str() + stat.rfind(')') + 2, "%*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %ld %ld",
+                     &user, &system) == 2 ? user + system : -1;
 }
 
 // `clients` connections held at once: the first are served, the rest read the end of the
@@ -98,27 +61,31 @@ void Hold(Server& server, int clients) {
     else FAIL() << "client " << i << ", after " << ended << " ended: " << c.error();
   }
   const long ticks = CpuTicks(server.pid()) - before;
-  std::cout << "[ FIGURES  ] " << held.size() << " served, " << ended << " ended, "
-            << AcceptFailures(server) << " \"accept failed\", " << ticks << " ticks of CPU\n";
+  std::size_t failures = 0;  // "accept failed" lines of the row's debug log
+  for (const std::string& name : Listing(server.cwd())) {  // the log file, not its console copy
+    const std::string log = name.starts_with("KVTnetd-S") ? ReadFile(server.cwd() / name) : "";
+    for (std::size_t at = 0; (at = log.find(": accept failed\n", at)) != std::string::npos; ++at)
+      ++failures;
+  }
+  std::cout << "[ FIGURES  ] " << held.size() << " served, " << ended << " ended, " << failures
+            << " \"accept failed\", " << ticks << " ticks of CPU\n";
   EXPECT_GE(held.size(), 20u);
   EXPECT_GT(ended, 0);
-  EXPECT_LE(AcceptFailures(server), std::size_t(ended) + 10);  // a spinning listener: thousands
-  EXPECT_LT(ticks, ::sysconf(_SC_CLK_TCK));  // under a second of CPU in all
+  EXPECT_LE(failures, std::size_t(ended) + 10);  // a spinning listener: thousands
+  EXPECT_LT(ticks, ::sysconf(_SC_CLK_TCK));     // under a second of CPU in all
 }
 
-// `count` requests at once, each answered 0 (refused) or `stored` (its data stored whole in a
-// file of `folder`), while 8 other clients ask for job names without an error.
+// `count` requests at once, each answered 0 (refused) or `stored` (its `size` bytes stored whole
+// in a file of `folder`), while 8 other clients ask for job names without an error.
 void AtOnce(Server& server, int count, const std::function<std::optional<std::uint32_t>(int)>& request,
-            std::uint32_t stored, const fs::path& folder, const std::string& data) {
+            std::uint32_t stored, const fs::path& folder, std::size_t size) {
   std::atomic<bool> done{false};
   std::atomic<int> failed{0}, names{0};
   std::vector<std::thread> askers, requests;
   for (int i = 0; i < 8; ++i)
     askers.emplace_back([&] {
-      client::Connection c = Opened();
-      for (; !done; std::this_thread::sleep_for(10ms))  // a client's pace, not a wait
-        if (!client::FreshJobName(c)) return void(++failed);
-        else ++names;
+      for (client::Connection c = Opened(); !done; std::this_thread::sleep_for(10ms))  // a pace
+        client::FreshJobName(c) ? ++names : ++failed;
     });
   std::vector<std::optional<std::uint32_t>> answers(count);
   for (int i = 0; i < count; ++i) requests.emplace_back([&, i] { answers[i] = request(i); });
@@ -134,14 +101,10 @@ void AtOnce(Server& server, int count, const std::function<std::optional<std::ui
   EXPECT_TRUE(server.Running()) << "the server was killed";
   EXPECT_EQ(failed, 0);
   EXPECT_GT(names, 0);
-  EXPECT_EQ(FilesHolding(folder, data), kept);
-}
-
-// A connection that waits for an answer as long as a request for memory and a large write take.
-client::Connection Patient() {
-  client::Connection c = Opened();
-  c.SetTimeout(120000);
-  return c;
+  std::size_t whole = 0;
+  for (const std::string& name : Listing(folder)) whole += fs::file_size(folder / name) == size;
+  EXPECT_EQ(whole, kept);
+  EXPECT_EQ(Listing(folder).size(), kept);
 }
 
 class ExhaustionTest : public KindTest {};
@@ -149,17 +112,22 @@ class ExhaustionTest : public KindTest {};
 TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
   Server server(GetParam());
   const bool onWine = GetParam() == Kind::kWine;
-  const fs::path spool = server.Spool();
-  const std::string body = Repeated(512u << 20, 0), table = Repeated(250'000'000, 1);
+  const std::string body(512u << 20, 'b'), table(250'000'000, 't');
+  // Each client waits for its answer as long as a request for memory and a large write take.
   auto upload = [&](int i) -> std::optional<std::uint32_t> {  // upload 3: a byte more
-    client::Connection c = Patient();
+    client::Connection c = Opened();
+    c.SetTimeout(120000);
     if (!c.SendFrame(kvt::CMD_UPLOAD_SPOOL) || !c.SendText("Big" + std::to_string(i), 16) ||
         !c.SendU32(std::uint32_t(body.size()) + (i == 3)) || !c.SendBytes(body.data(), body.size()) ||
         (i == 3 && !c.SendBytes("x", 1)))
       return std::nullopt;
     return c.RecvByte();
   };
-  auto register_ = [&](int i) { return Patient().RegisterColorTable(std::to_string(i), table); };
+  auto register_ = [&](int i) {
+    client::Connection c = Opened();
+    c.SetTimeout(120000);
+    return c.RegisterColorTable(std::to_string(i), table);
+  };
   struct Row {
     const char* limit;
     const char* controller;  // the cgroup v1 controller that sets it; none: prlimit
@@ -174,13 +142,13 @@ TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
        "own pipes (\"wine client error: pipe: Too many open files\") before an accept fails"},
       {"memory 1 GiB, three uploads of 512 MiB", "memory", "memory.limit_in_bytes", 1u << 30,
        [&] {
-         AtOnce(server, 3, upload, 1, spool, body);
+         AtOnce(server, 3, upload, 1, server.Spool(), body.size());
          // Half the group's limit is the budget: a body over it is refused at once.
          EXPECT_EQ(upload(3), 0u);
-         EXPECT_FALSE(fs::exists(spool / "Big3.spl"));
+         EXPECT_FALSE(fs::exists(server.Spool() / "Big3.spl"));
        }, ""},
       {"memory 1 GiB, four colour tables of 250 MB", "memory", "memory.limit_in_bytes", 1u << 30,
-       [&] { AtOnce(server, 4, register_, 5, server.TableFolder(), table); }, ""},
+       [&] { AtOnce(server, 4, register_, 5, server.TableFolder(), table.size()); }, ""},
       {"threads 40, 100 clients", "pids", "pids.max", 40, [&] { Hold(server, 100); }, ""}};
   // Wine tells the program the host's memory, whatever the group's limit: there the budget
   // is the operator's setting, half the limit as on Linux.
@@ -208,7 +176,8 @@ TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
     server.WrapWith(row.controller ? Words{"prlimit", "--nofile=1024:8192", "sh", "-c",
                                            (onWine || outside ? budget : "") + join + "exec \"$@\"", "sh"}
                                    : Words{"prlimit", "--nofile=" + std::to_string(row.value)});
-    fs::remove_all(spool), fs::create_directories(spool), fs::remove_all(server.TableFolder());
+    fs::remove_all(server.Spool()), fs::create_directories(server.Spool());
+    fs::remove_all(server.TableFolder());
     fs::remove_all(server.cwd()), fs::create_directories(server.cwd());  // the row's own log
     ASSERT_EQ(server.StartListening({"-debug"}), "");
     if (row.controller && !onWine) {

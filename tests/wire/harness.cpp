@@ -89,8 +89,7 @@ std::optional<int> WaitExit(pid_t pid, Milliseconds limit) {
   return std::nullopt;
 }
 
-}  // namespace
-
+// Why a server of this kind cannot run here; empty when it can.
 std::string Unavailable(Kind kind) {
   if (kind == Kind::kLinux) return {};
   const fs::path exe = KVT_WINDOWS_SERVER;
@@ -101,6 +100,8 @@ std::string Unavailable(Kind kind) {
   if (std::getenv("WINEPREFIX") == nullptr) return "WINEPREFIX is not set: run the test via ctest";
   return {};
 }
+
+}  // namespace
 
 client::Connection Opened(const client::Marker& marker) {
   client::Connection c;
@@ -281,13 +282,11 @@ void Server::InstallTool() const {
                  Tool());
 }
 
-fs::path Server::JobfeederStandin() const {
-  return kind_ == Kind::kLinux ? fs::path(KVT_LINUX_JOBFEEDER) : WindowsStandin("jobfeeder.exe");
-}
-
 fs::path Server::InstallJobfeeder(const fs::path& folder) const {
-  const fs::path installed = folder / JobfeederStandin().filename();
-  InstallProgram(JobfeederStandin(), installed);
+  const fs::path standin =
+      kind_ == Kind::kLinux ? fs::path(KVT_LINUX_JOBFEEDER) : WindowsStandin("jobfeeder.exe");
+  const fs::path installed = folder / standin.filename();
+  InstallProgram(standin, installed);
   WriteFile(Pointer(), ServerPath(folder) + "\n");
   return installed;
 }
@@ -295,12 +294,6 @@ fs::path Server::InstallJobfeeder(const fs::path& folder) const {
 fs::path Server::TableFolder() const {
   if (kind_ == Kind::kLinux) return root_ / "Velmora";  // TMPDIR is the root
   return data_.parent_path() / "users" / ::getpwuid(::geteuid())->pw_name / "Temp" / "Velmora";
-}
-
-fs::path Server::HostPath(std::string serverPath) const {
-  if (kind_ == Kind::kLinux || !serverPath.starts_with("C:\\")) return serverPath;
-  std::replace(serverPath.begin(), serverPath.end(), '\\', '/');
-  return data_.parent_path() / serverPath.substr(3);  // the prefix's drive_c
 }
 
 std::string Server::ServerPath(const fs::path& path) const {

@@ -29,8 +29,6 @@ inline void PrintTo(Kind kind, std::ostream* out) {
   *out << (kind == Kind::kWine ? "Wine" : "Linux");
 }
 
-// Why a server of this kind cannot run here; empty when it can.
-std::string Unavailable(Kind kind);
 
 // The threads, open descriptors and child processes (zombies among them) of a Linux process.
 std::tuple<long, long, int> Holdings(pid_t pid);
@@ -73,9 +71,7 @@ class Server {
   StandinRecords Records() const { return StandinRecords(root_ / "standin"); }
   // Puts the stand-in of this kind's build where the server looks for the tool.
   void InstallTool() const;
-  // The stand-in jobfeeder of this kind's build ("jobfeeder" or "jobfeeder.exe").
-  fs::path JobfeederStandin() const;
-  // Puts that stand-in into `folder` and points the pointer file of "Corvina" there; the
+  // Puts the stand-in jobfeeder of this kind's build into `folder` and points the pointer file of "Corvina" there; the
   // installed program's path.
   fs::path InstallJobfeeder(const fs::path& folder) const;
   fs::path Corvina() const { return data_ / "Corvina"; }
@@ -87,9 +83,7 @@ class Server {
   // Programs that the server is started through, each of which ends by running the rest of
   // the command (prlimit, unshare): a limit or a mount namespace for the server alone.
   void WrapWith(std::vector<std::string> wrapper) { wrapper_ = std::move(wrapper); }
-  // A path as the server names it, as a path of this machine (Wine's C: drive mapped), and
-  // a path of this machine as the server names it (Wine's Z: drive).
-  fs::path HostPath(std::string serverPath) const;
+  // A path of this machine as the server names it (Wine's Z: drive).
   std::string ServerPath(const fs::path& path) const;
 
   // Spawns the program with these arguments; empty on success, else why not.
