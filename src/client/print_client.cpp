@@ -53,6 +53,15 @@ std::optional<std::string> ListJobRecords(Connection& connection, std::string* e
   return records;
 }
 
+std::optional<bool> ListsJob(Connection& connection, std::string_view name, std::string* error) {
+  const std::optional<std::string> records = ListJobRecords(connection, error);
+  if (!records) return std::nullopt;
+  for (std::size_t at = 0; at < records->size(); at += kJobRecordSize)
+    if (ParseJobRecord(std::string_view(*records).substr(at, kJobRecordSize)).jobName == name)
+      return true;
+  return false;
+}
+
 std::optional<std::uint8_t> CancelJobOrSpoolFile(Connection& connection, std::string_view name) {
   return Result(connection, connection.SendFrame(CMD_CANCEL_JOB) && connection.SendText(name, 16));
 }

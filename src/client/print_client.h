@@ -30,6 +30,10 @@ JobEntry ParseJobRecord(std::string_view record);
 // failed, or when the length is no whole number of records (*error says why).
 std::optional<std::string> ListJobRecords(Connection& connection, std::string* error);
 
+// Whether a fresh listing on this connection holds a record of the job name `name`; empty,
+// with *error, when the listing failed.
+std::optional<bool> ListsJob(Connection& connection, std::string_view name, std::string* error);
+
 // CMD_CANCEL_JOB with a name of at most 15 characters: the result byte.
 std::optional<std::uint8_t> CancelJobOrSpoolFile(Connection& connection, std::string_view name);
 

@@ -299,18 +299,6 @@ int JobName(const Options& options, int argc, char**) {
   return Finish(connection);
 }
 
-// Whether a listing on this connection still holds the job name.
-std::optional<bool> Listed(client::Connection& connection, const std::string& name) {
-  std::string error;
-  std::optional<std::string> records = client::ListJobRecords(connection, &error);
-  if (!records) return std::nullopt;
-  for (std::size_t at = 0; at < records->size(); at += client::kJobRecordSize)
-    if (client::ParseJobRecord(std::string_view(*records).substr(at, client::kJobRecordSize))
-            .jobName == name)
-      return true;
-  return false;
-}
-
 int Cancel(const Options& options, int argc, char** argv) {
   if (argc != 1) return Fail("cancel takes NAME: a job *P-J or a spool file's name");
   const std::string name = argv[0];
@@ -320,12 +308,13 @@ int Cancel(const Options& options, int argc, char** argv) {
   const bool job = name[0] == '*';
   // The server resolves *P-J against the printer table that a listing on the same
   // connection builds: list first, then cancel, then see whether the job is gone.
-  if (job && !Listed(connection, name).has_value()) return Fail(connection.error());
+  std::string error;
+  if (job && !client::ListsJob(connection, name, &error)) return Fail(error);
   std::optional<std::uint8_t> answer = client::CancelJobOrSpoolFile(connection, name);
   if (!answer) return Fail(connection.error());
   if (job) {
-    std::optional<bool> still = Listed(connection, name);
-    if (!still) return Fail(connection.error());
+    const std::optional<bool> still = client::ListsJob(connection, name, &error);
+    if (!still) return Fail(error);
     std::printf("%s: answer %u; %s\n", name.c_str(), unsigned{*answer},
                 *still ? "the job is still listed" : "the job is no longer listed");
   } else if (*answer != 1) {

@@ -228,25 +228,30 @@ class Web {
            json::Ping(server_, client::ByteOrder::kLittle, ms, error));
   }
 
-  void Jobs(httplib::Response& res) const {
+  // The job listing's records on a connection of its own (closed again), with the round trip
+  // of its opening; none, with *error, when the server could not be reached or failed.
+  std::optional<std::string> Listing(double* ms, std::string* error) const {
     client::Connection connection;
-    double ms = 0;
-    std::string error = Open(connection, &ms);
     std::optional<std::string> records;
-    if (error.empty() && (records = client::ListJobRecords(connection, &error)))
+    *error = Open(connection, ms);
+    if (error->empty() && (records = client::ListJobRecords(connection, error)))
       connection.SendClose();
+    return records;
+  }
+
+  void Jobs(httplib::Response& res) const {
+    double ms = 0;
+    std::string error;
+    const std::optional<std::string> records = Listing(&ms, &error);
     if (!records) return Answer(res, 502, json::Error(error));
     Answer(res, 200, json::Jobs(*records));
   }
 
   // The page's one request: reachability, round trip and the listing, on one connection.
   void Overview(httplib::Response& res) const {
-    client::Connection connection;
     double ms = 0;
-    std::string error = Open(connection, &ms);
-    std::optional<std::string> records;
-    if (error.empty() && (records = client::ListJobRecords(connection, &error)))
-      connection.SendClose();
+    std::string error;
+    const std::optional<std::string> records = Listing(&ms, &error);
     Answer(res, 200,
            "{\"server\":" + json::Ping(server_, client::ByteOrder::kLittle, ms, error) +
                ",\"listing\":" + (records ? json::Jobs(*records) : "null") + "}");
@@ -292,15 +297,7 @@ class Web {
     client::Connection connection;
     double ms = 0;
     std::string error = Open(connection, &ms);
-    auto listed = [&]() -> std::optional<bool> {
-      std::optional<std::string> records = client::ListJobRecords(connection, &error);
-      if (!records) return std::nullopt;
-      for (std::size_t at = 0; at < records->size(); at += client::kJobRecordSize)
-        if (client::ParseJobRecord(std::string_view(*records).substr(at, client::kJobRecordSize))
-                .jobName == job)
-          return true;
-      return false;
-    };
+    auto listed = [&] { return client::ListsJob(connection, job, &error); };
     std::optional<bool> before, after;
     std::optional<std::uint8_t> answer;
     if (!error.empty() || !(before = listed())) return Answer(res, 502, json::Error(error));
