@@ -1,15 +1,16 @@
-// The job listing and job references against the scripted spooler, served by the command
-// loop over a real connection.
+// The job listing and job references against the scripted spooler, over a real connection.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "client/print_client.h"
 #include "print/jobs.h"
+#include "server/inline_commands.h"
 #include "spooler_double.h"
 #include "toolkit/loopback.h"
-#include "toolkit/toolkit.h"
 
 namespace kvt {
 namespace {
@@ -20,31 +21,43 @@ using fake::FakePrinter;
 
 std::string JobName(const std::string& record) { return client::ParseJobRecord(record).jobName; }
 
+// The handlers run on the test's thread with the server's end of a loopback connection.
 class JobsTest : public ::testing::Test {
  protected:
-  void SetUp() override { fake::Reset(); }
-  // A new connection; the old one's teardown has closed its printers when this returns.
-  void Reconnect(const std::string& marker = "\x04\x03\x02\x01") {
+  void SetUp() override {
+    fake::Reset();
+    Connect();
+  }
+  void TearDown() override { Disconnect(); }
+  void Connect() {
+    link_.emplace();
+    record_ = link_->record;
+    std::copy_n("\x04\x03\x02\x01", 4, record_->byteOrderMark);
+  }
+  void Disconnect() {  // the connection's teardown closes its printers
+    net::Close(record_->socket);
+    EndConnection(record_);
     link_.reset();
-    link_.emplace(marker);
-    bigEndian_ = marker[0] != 4;
   }
   std::vector<std::string> List() {
-    const std::string n = link_->Ask(test::Frame(CMD_LIST_JOBS), 4);
-    std::uint32_t length = 0;
-    for (std::size_t i = 0; i < n.size(); ++i)
-      length |= std::uint32_t(std::uint8_t(n[bigEndian_ ? 3 - i : i])) << 8 * i;
-    const std::string body = link_->Read(length);
+    std::thread server([this] { ListJobs(*record_); });  // the reply may outgrow the buffers
+    const std::string length = link_->Read(4);
+    EXPECT_EQ(length.size(), 4u);
+    std::string body = link_->Read(GetClientU32(*record_, reinterpret_cast<const std::uint8_t*>(length.data())));
+    server.join();
     std::vector<std::string> records;
     for (std::size_t at = 0; at < body.size(); at += sizeof(JobRecord))
       records.push_back(body.substr(at, sizeof(JobRecord)));
     return records;
   }
-  int Cancel(const std::string& name) {
-    return link_->Ask(test::Frame(CMD_CANCEL_JOB) + test::Field(name, 16), 1)[0];
+  int Cancel(std::string name) {
+    name.resize(16, '\0');
+    link_->Send(name);
+    CancelJobOrSpoolFile(*record_);
+    return link_->Read(1)[0];
   }
-  std::optional<testing_net::Served> link_{std::in_place};
-  bool bigEndian_ = false;
+  std::optional<testing_net::Loopback> link_;
+  ConnectionRecord* record_ = nullptr;
 };
 
 // The status table in its order on one printer; on another, every field of a record.
@@ -72,7 +85,7 @@ TEST_F(JobsTest, StatusTableAndRecordFieldsBigEndian) {
   fake::Printers() = {{"P"}, {"Second", {named, {-5, 0, {}, "", "\\", ""}}}};
   for (int id = 0; id < int(std::size(cases)); ++id)
     fake::Printers()[0].jobs.push_back({id, cases[id].status, cases[id].text});
-  Reconnect("\x01\x02\x03\x04");  // big-endian
+  std::copy_n("\x01\x02\x03\x04", 4, record_->byteOrderMark);  // List() reads big-endian
   std::vector<std::string> records = List();
   std::size_t r = 0;
   for (int id = 0; id < int(std::size(cases)); ++id) {
@@ -114,8 +127,9 @@ TEST_F(JobsTest, LimitsAndFailuresOfPrinters) {
   EXPECT_EQ(Cancel("*1-1"), 0);  // the printer that failed to open has no handle
   EXPECT_EQ(Cancel("*2-2"), 0);
   EXPECT_EQ(fake::Calls().back(), "Cancel(Broken, 2)");
-  link_.reset();
+  Disconnect();
   EXPECT_EQ(fake::OpenHandles(), 0);
+  Connect();
 }
 
 TEST_F(JobsTest, TableIsBuiltOnceAndReferencesUseIt) {
@@ -137,7 +151,8 @@ TEST_F(JobsTest, FailedPrinterListingAndMoreThan256Printers) {
   fake::FailPrinterListing(false);
   for (int i = 0; i < 300; ++i) fake::Printers().push_back({"P" + std::to_string(i), {{i}}});
   EXPECT_TRUE(List().empty());  // the table is not made again
-  Reconnect();  // a new connection sees the printers, the first 256 of them
+  Disconnect();
+  Connect();  // a new connection sees the printers, the first 256 of them
   std::vector<std::string> records = List();
   ASSERT_EQ(records.size(), 256u);
   EXPECT_EQ(JobName(records[255]), "*255-255");

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -105,15 +106,10 @@ int main(int argc, char** argv) {
   if (!folder.empty()) Record(folder + "/jobfeeder-starts", argc, argv);
   if (argc < 2 || std::string(argv[1]) != "-l") {
     if (folder.empty()) return 0;
-    const std::string hold = folder + "/jobfeeder-hold";
-    bool stayed = false;
-    for (int i = 0; i < 3000; ++i, stayed = true) {
-      std::FILE* held = std::fopen(hold.c_str(), "rb");
-      if (held == nullptr) break;
-      std::fclose(held);
+    int waited = 0;  // in steps of 20 ms, a minute at the most
+    for (; waited < 3000 && std::filesystem::exists(folder + "/jobfeeder-hold"); ++waited)
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    if (stayed) Record(folder + "/jobfeeder-ends", 1, argv);
+    if (waited > 0) Record(folder + "/jobfeeder-ends", 1, argv);
     return 0;
   }
   Socket s = TakeSocket();

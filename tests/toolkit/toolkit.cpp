@@ -72,13 +72,13 @@ std::set<std::string> Listing(const fs::path& folder) {
 ScratchFolder::ScratchFolder() {
   // Random: the builds' test runs share the temporary folder and may overlap.
   std::random_device random;
-  do path_ = fs::temp_directory_path() / ("kvt-test-" + std::to_string(random()));
-  while (!fs::create_directory(path_));
+  do path = fs::temp_directory_path() / ("kvt-test-" + std::to_string(random()));
+  while (!fs::create_directory(path));
 }
 
 ScratchFolder::~ScratchFolder() {
   std::error_code ignored;
-  if (!path_.empty()) fs::remove_all(path_, ignored);
+  if (!path.empty()) fs::remove_all(path, ignored);
 }
 
 namespace {

@@ -39,16 +39,12 @@ void InstallProgram(const fs::path& from, const fs::path& to);
 std::set<std::string> Listing(const fs::path& folder);
 
 // A fresh folder below the temporary folder, removed with the object.
-class ScratchFolder {
- public:
+struct ScratchFolder {
   ScratchFolder();
   ~ScratchFolder();
   ScratchFolder(const ScratchFolder&) = delete;
   ScratchFolder& operator=(const ScratchFolder&) = delete;
-  const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
+  fs::path path;
 };
 
 // The folder in which the stand-ins record what they were asked (KVT_STANDIN_DIR): each

@@ -17,7 +17,7 @@ using namespace test;
 // The spool path holds at most 79 characters: a folder of 60, "/", the name, ".spl".
 TEST(Upload, SpoolPathBounds) {
   ScratchFolder scratch;
-  const fs::path padded = scratch.path() / std::string(59 - scratch.path().string().size(), 'p');
+  const fs::path padded = scratch.path / std::string(59 - scratch.path.string().size(), 'p');
   fs::create_directories(padded);
   auto upload = [](const std::string& name, const std::string& body) {
     return Frame(CMD_UPLOAD_SPOOL) + Field(name, 16) + Le32(std::uint32_t(body.size())) + body;

@@ -27,10 +27,10 @@ TEST(Launch, RunProgram) {
     fs::copy_file(standin, folder / standin.filename());
     return (folder / "jobfeeder").string();
   };
-  const std::string blanks = place(scratch.path() / "a folder");
-  const std::size_t room = kMaxProgramPath - scratch.path().string().size() - 11;  // 2 "/", name
-  const std::string longest = place(scratch.path() / std::string(room, 'p'));
-  const std::string over = place(scratch.path() / std::string(room + 1, 'p'));
+  const std::string blanks = place(scratch.path / "a folder");
+  const std::size_t room = kMaxProgramPath - scratch.path.string().size() - 11;  // 2 "/", name
+  const std::string longest = place(scratch.path / std::string(room, 'p'));
+  const std::string over = place(scratch.path / std::string(room + 1, 'p'));
   ASSERT_EQ(longest.size(), kMaxProgramPath);
 
   EXPECT_GE(RunProgram(blanks.c_str(), "two words", "", nullptr), 0);

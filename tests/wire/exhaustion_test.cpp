@@ -67,8 +67,7 @@ void Hold(Server& server, int clients) {
     for (std::size_t at = 0; (at = log.find(": accept failed\n", at)) != std::string::npos; ++at)
       ++failures;
   }
-  std::cout << "[ FIGURES  ] " << held.size() << " served, " << ended << " ended, " << failures
-            << " \"accept failed\", " << ticks << " ticks of CPU\n";
+  SCOPED_TRACE(std::to_string(held.size()) + " served, " + std::to_string(ended) + " ended");
   EXPECT_GE(held.size(), 20u);
   EXPECT_GT(ended, 0);
   EXPECT_LE(failures, std::size_t(ended) + 10);  // a spinning listener: thousands
@@ -97,7 +96,6 @@ void AtOnce(Server& server, int count, const std::function<std::optional<std::ui
     EXPECT_TRUE(answer == 0u || answer == stored) << answer.value_or(999);
     kept += answer == stored;
   }
-  std::cout << "[ FIGURES  ] " << kept << " of " << count << " stored, " << names << " job names\n";
   EXPECT_TRUE(server.Running()) << "the server was killed";
   EXPECT_EQ(failed, 0);
   EXPECT_GT(names, 0);

@@ -11,10 +11,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
-#include <fstream>
 #include <regex>
 #include <sstream>
-#include <thread>
 
 #include "client/spool_client.h"
 #include "platform/net.h"
@@ -227,14 +225,12 @@ void ExpectSettled(pid_t pid, const std::tuple<long, long, int>& idle) {
 }
 
 Outcome RunKvtctl(const std::vector<std::string>& args, const std::vector<std::string>& env) {
-  const fs::path cwd = MakeTempFolder();
+  const ScratchFolder cwd;
   std::vector<std::string> argv{KVT_KVTCTL};
   argv.insert(argv.end(), args.begin(), args.end());
   Outcome run;
-  if (pid_t pid = Spawn(argv, cwd, Environment(env)); pid > 0) run.status = WaitExit(pid, 30s);
-  run.out = ReadFile(cwd / "stdout"), run.err = ReadFile(cwd / "stderr");
-  std::error_code ignored;
-  fs::remove_all(cwd, ignored);
+  if (pid_t pid = Spawn(argv, cwd.path, Environment(env)); pid > 0) run.status = WaitExit(pid, 30s);
+  run.out = ReadFile(cwd.path / "stdout"), run.err = ReadFile(cwd.path / "stderr");
   return run;
 }
 

@@ -5,15 +5,9 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
-#include <chrono>
-#include <cstdint>
-#include <filesystem>
-#include <functional>
 #include <memory>
-#include <optional>
 #include <ostream>
 #include <string>
-#include <string_view>
 #include <tuple>
 #include <vector>
 

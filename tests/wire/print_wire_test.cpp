@@ -139,7 +139,7 @@ TEST_P(SpoolerTest, HeldCupsJobsAreListedAndCancelled) {
   // Jobs A1 and A2 on printer 0, B1 on printer 1; as Linux lists them: held is paused.
   const std::string queues[] = {"KvtProofA", "KvtProofA", "KvtProofB"},
                     titles[] = {"Proof A1", "Proof A2", "Proof B1"};
-  const std::string document = scratch.path() / "document.txt";
+  const std::string document = scratch.path / "document.txt";
   WriteFile(document, "nothing to print\n");
   std::string ids[3];
   std::vector<std::string> expected;
