@@ -186,7 +186,11 @@ double UploadRate(std::uint16_t port, const std::string& body, int count) {
 }
 
 void Uploads(Context& ctx) {
-  for (auto [size, count] : {std::pair{std::size_t{1} << 20, 40}, {std::size_t{64} << 20, 2}}) {
+  for (const auto& run : {std::pair{std::size_t{1} << 20, 40}, {std::size_t{64} << 20, 2}}) {
+    // Named copies: a lambda can capture only variables (C++20 lets it capture a structured
+    // binding, which clang 14 does not implement).
+    const std::size_t size = run.first;
+    const int count = run.second;
     std::string body(size, '\0');
     for (std::size_t i = 0; i < size; ++i) body[i] = static_cast<char>(i * 13 + i / 509);
     const long faults = MinorFaults(ctx.server.pid());
