@@ -1,5 +1,4 @@
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "files/commands.h"
@@ -43,15 +42,15 @@ Served SendGamutFile(ConnectionRecord& record) {
   // The client now waits for exactly `size` bytes: whatever the file gives, that many go
   // out. A file that can't be opened any more, or that shrank, is made up with zero bytes
   // from the buffer; a file that grew is sent only up to the announced size.
-  std::FILE* file = std::fopen(path, "rb");
-  if (file == nullptr) LogWrite(kLogTag, "data read error %d", errno);
+  const files::Reader file = files::OpenForReading(path);
+  if (file == files::kNoReader) LogWrite(kLogTag, "data read error %d", errno);
   char buffer[kChunk];
   for (std::size_t remaining = static_cast<std::size_t>(status.size); remaining > 0;) {
     std::size_t chunk = remaining < kChunk ? remaining : kChunk;
     std::size_t got = 0;
-    if (file != nullptr) {
+    if (file != files::kNoReader) {
       errno = 0;
-      got = std::fread(buffer, 1, chunk, file);
+      got = files::Read(file, buffer, chunk);
       if (got < chunk) LogWrite(kLogTag, "data read error %d", errno);
     }
     std::memset(buffer + got, 0, chunk - got);
@@ -61,7 +60,7 @@ Served SendGamutFile(ConnectionRecord& record) {
       break;
     remaining -= chunk;
   }
-  if (file != nullptr) std::fclose(file);
+  if (file != files::kNoReader) files::Close(file);
   return Served::kContinue;
 }
 

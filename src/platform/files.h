@@ -31,4 +31,27 @@ long long Replace(const char* path, const void* data, std::size_t size);
 // Deletes a file; false when there is none, it is a folder, or the system refuses.
 bool Remove(const char* path);
 
+// A file open for reading from its start, through the C runtime's descriptors on both
+// platforms, so that a failed read leaves the runtime's error number in errno. Never
+// inherited by programs the server starts.
+using Reader = int;
+inline constexpr Reader kNoReader = -1;
+
+// Opens a file for reading in binary mode; kNoReader when it can't be opened.
+Reader OpenForReading(const char* path);
+// Reads up to `count` bytes from where the last read ended; the number read: fewer at the
+// end of the file or after a failure (errno tells which).
+std::size_t Read(Reader file, void* buffer, std::size_t count);
+void Close(Reader file);
+
+// Opens, reads up to `count` bytes from the start and closes again: the number read, or -1
+// when the file can't be opened.
+inline long long ReadHead(const char* path, void* buffer, std::size_t count) {
+  const Reader file = OpenForReading(path);
+  if (file == kNoReader) return -1;
+  const std::size_t got = Read(file, buffer, count);
+  Close(file);
+  return static_cast<long long>(got);
+}
+
 }  // namespace kvt::files

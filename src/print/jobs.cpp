@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "files/scan.h"
+#include "platform/files.h"
 #include "platform/spooler.h"
 #include "server/wire.h"
 #include "support/text.h"
@@ -149,10 +150,7 @@ Served ListJobs(ConnectionRecord& record) {
     // shorter than a header gives no record.
     char path[200];
     if (!FormatFits(path, sizeof path, "%s/%s", SpoolFolder, spool[i].name)) continue;
-    std::FILE* file = std::fopen(path, "rb");
-    if (file == nullptr) continue;
-    if (std::fread(&records[count], sizeof(JobRecord), 1, file) == 1) ++count;
-    std::fclose(file);
+    if (files::ReadHead(path, &records[count], sizeof(JobRecord)) == sizeof(JobRecord)) ++count;
   }
 
   for (int i = 0; i < count; ++i) {

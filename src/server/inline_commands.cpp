@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -33,16 +32,16 @@ Served SendListFile(ConnectionRecord& record, const char* name) {
   const char* data = GetAppFolder(3);
   char path[300];
   files::Status status{};
-  std::FILE* file = nullptr;
+  files::Reader file = files::kNoReader;
   if (data[0] != '\0' && FormatFits(path, sizeof path, "%s/Corvina/%s", data, name) &&
       files::GetStatus(path, &status) && status.size > 1)
-    file = std::fopen(path, "rb");
-  const int first = file != nullptr ? std::fgetc(file) : EOF;
-  if (first == EOF) {
-    if (file != nullptr) std::fclose(file);
+    file = files::OpenForReading(path);
+  std::uint8_t first = 0;
+  if (file == files::kNoReader || files::Read(file, &first, 1) != 1) {
+    if (file != files::kNoReader) files::Close(file);
     return SendResult(record, 0);
   }
-  SendResult(record, static_cast<std::uint8_t>(first));
+  SendResult(record, first);
 
   // The length comes from the size taken before reading, and exactly that many bytes
   // follow: zeros where the file has shrunk since, nothing of what it has grown by.
@@ -51,14 +50,14 @@ Served SendListFile(ConnectionRecord& record, const char* name) {
   std::size_t used = 4, remaining = static_cast<std::size_t>(status.size - 1);
   while (remaining > 0) {
     const std::size_t chunk = remaining < sizeof buffer - used ? remaining : sizeof buffer - used;
-    const std::size_t got = std::fread(buffer + used, 1, chunk, file);
+    const std::size_t got = files::Read(file, buffer + used, chunk);
     std::memset(buffer + used + got, 0, chunk - got);
     used += chunk;
     remaining -= chunk;
     if (SendAll(record.socket, buffer, static_cast<int>(used)) != static_cast<int>(used)) break;
     used = 0;
   }
-  std::fclose(file);
+  files::Close(file);
   return Served::kContinue;
 }
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "platform/files.h"
 #include "platform/folders.h"
 
 namespace kvt {
@@ -59,12 +60,14 @@ const char* GetProgramFolder(const char* product) {
     buffer[0] = '\0';
     return buffer;
   }
-  if (std::FILE* pointer = std::fopen(buffer, "rb")) {
-    buffer[0] = '\0';
-    if (std::fgets(buffer, sizeof buffer, pointer) == nullptr) buffer[0] = '\0';
-    std::fclose(pointer);
-    if (char* lf = std::strrchr(buffer, '\n')) *lf = '\0';
-    if (char* cr = std::strrchr(buffer, '\r')) *cr = '\0';
+  // The first line, at most 255 characters of it; CR LF ends it as LF does.
+  char line[kFolderSize];
+  const long long got = files::ReadHead(buffer, line, sizeof line - 1);
+  if (got >= 0) {
+    line[got] = '\0';
+    if (char* lf = std::strchr(line, '\n')) *lf = '\0';
+    if (char* cr = std::strrchr(line, '\r')) *cr = '\0';
+    std::memcpy(buffer, line, sizeof line);
   }
   return buffer;
 }

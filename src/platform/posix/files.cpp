@@ -52,6 +52,23 @@ long long Replace(const char* path, const void* data, std::size_t size) {
   return cut ? static_cast<long long>(written) : -1;
 }
 
+Reader OpenForReading(const char* path) { return ::open(path, O_RDONLY | O_CLOEXEC); }
+
+std::size_t Read(Reader file, void* buffer, std::size_t count) {
+  auto* bytes = static_cast<char*>(buffer);
+  std::size_t got = 0;
+  while (got < count) {
+    ssize_t n = ::read(file, bytes + got, count - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    got += static_cast<std::size_t>(n);
+  }
+  return got;
+}
+
+void Close(Reader file) { ::close(file); }
+
+
 // unlink, not remove: a client's path must never take away a folder, even an empty one.
 bool Remove(const char* path) { return ::unlink(path) == 0; }
 

@@ -1,5 +1,7 @@
 #include "platform/files.h"
 
+#include <fcntl.h>
+#include <io.h>
 #include <windows.h>
 
 namespace kvt::files {
@@ -70,5 +72,24 @@ long long Replace(const char* path, const void* data, std::size_t size) {
 }
 
 bool Remove(const char* path) { return ::DeleteFileA(path) != FALSE; }
+
+Reader OpenForReading(const char* path) {
+  return ::_open(path, _O_RDONLY | _O_BINARY | _O_NOINHERIT);
+}
+
+std::size_t Read(Reader file, void* buffer, std::size_t count) {
+  auto* bytes = static_cast<char*>(buffer);
+  std::size_t got = 0;
+  while (got < count) {
+    std::size_t left = count - got;
+    unsigned chunk = left > 0x40000000u ? 0x40000000u : static_cast<unsigned>(left);
+    int n = ::_read(file, bytes + got, chunk);
+    if (n <= 0) break;
+    got += static_cast<std::size_t>(n);
+  }
+  return got;
+}
+
+void Close(Reader file) { ::_close(file); }
 
 }  // namespace kvt::files
