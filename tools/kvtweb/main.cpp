@@ -15,6 +15,7 @@
 #include <cstring>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "assets.h"
@@ -84,11 +85,15 @@ bool IsLoopback(const std::string& host) {
   return host == "localhost" || host == "::1" || host.rfind("127.", 0) == 0;
 }
 
-std::string Token() {
+// The page's token, 160 bits from the system's generator; false when it has none to give:
+// a guessable token would let any page in the browser cancel jobs, so none is made up.
+bool MakeToken(std::string& token) {
   static const char kHex[] = "0123456789abcdef";
-  std::string token;
-  for (int i = 0; i < 40; ++i) token += kHex[kvt::entropy::Random15() & 15];  // 160 bits
-  return token;
+  unsigned char bytes[20];
+  if (!kvt::entropy::Secret(bytes, sizeof bytes)) return false;
+  token.clear();
+  for (unsigned char b : bytes) token += kHex[b >> 4], token += kHex[b & 15];
+  return true;
 }
 
 // Compares without stopping at the first difference, so that timing tells nothing.
@@ -101,7 +106,7 @@ bool SameSecret(const std::string& a, const std::string& b) {
 
 class Web {
  public:
-  explicit Web(const Options& options) : options_(options), token_(Token()) {
+  Web(const Options& options, std::string token) : options_(options), token_(std::move(token)) {
     const std::string port = ":" + std::to_string(options.listenPort);
     const bool v6 = options.listenHost.find(':') != std::string::npos;
     hosts_.insert(Lower((v6 ? "[" + options.listenHost + "]" : options.listenHost) + port));
@@ -362,8 +367,11 @@ int main(int argc, char** argv) {
     }
   }
   kvt::net::Startup();
+  std::string token;
+  if (!MakeToken(token))
+    return Fail("the system's random source gave nothing for the page's token: not started");
   httplib::Server http;
-  Web web(options);
+  Web web(options, std::move(token));
   web.Install(http);
   if (!http.bind_to_port(options.listenHost, options.listenPort))
     return Fail("cannot listen on " + options.listenHost + ":" +

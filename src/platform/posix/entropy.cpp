@@ -3,6 +3,7 @@
 #include <sys/random.h>
 
 #include <atomic>
+#include <cerrno>
 #include <ctime>
 
 namespace kvt::entropy {
@@ -15,6 +16,18 @@ int Random15() {
   static std::atomic<unsigned> state{static_cast<unsigned>(std::time(nullptr))};
   unsigned next = state.fetch_add(0x9E3779B9u) * 1103515245u + 12345u;
   return static_cast<int>((next >> 16) & 0x7FFF);
+}
+
+bool Secret(void* out, std::size_t size) {
+  auto* bytes = static_cast<unsigned char*>(out);
+  while (size > 0) {
+    const ssize_t n = ::getrandom(bytes, size, 0);  // blocks only until the pool is ready
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    bytes += n;
+    size -= static_cast<std::size_t>(n);
+  }
+  return true;
 }
 
 }  // namespace kvt::entropy

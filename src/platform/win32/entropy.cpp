@@ -17,4 +17,15 @@ int Random15() {
   return static_cast<int>((next >> 16) & 0x7FFF);
 }
 
+bool Secret(void* out, std::size_t size) {
+  auto* bytes = static_cast<unsigned char*>(out);
+  for (std::size_t i = 0; i < size; i += sizeof(unsigned int)) {
+    unsigned int value = 0;
+    if (rand_s(&value) != 0) return false;
+    for (std::size_t b = 0; b < sizeof value && i + b < size; ++b)
+      bytes[i + b] = static_cast<unsigned char>(value >> (8 * b));
+  }
+  return true;
+}
+
 }  // namespace kvt::entropy
