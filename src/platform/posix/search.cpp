@@ -7,6 +7,8 @@
 #include <cstring>
 #include <new>
 
+#include "platform/posix/wildcard.h"
+
 namespace kvt::search {
 
 namespace {
@@ -16,32 +18,6 @@ struct Search {
   char* path;           // a copy of the search path, cut at its last "/"
   const char* pattern;  // within `path`
 };
-
-char Fold(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
-// "*" and "?" as the Windows search takes them in the patterns this server uses; letters
-// match either case, as file names do on Windows. Iterative with one back-track point for
-// the last "*": linear in practice and never recursive.
-bool Matches(const char* pattern, const char* name) {
-  const char* star = nullptr;
-  const char* resume = nullptr;
-  while (*name != '\0') {
-    if (*pattern == '*') {
-      star = pattern++;
-      resume = name;
-    } else if (*pattern != '\0' && (*pattern == '?' || Fold(*pattern) == Fold(*name))) {
-      ++pattern;
-      ++name;
-    } else if (star != nullptr) {
-      pattern = star + 1;
-      name = ++resume;
-    } else {
-      return false;
-    }
-  }
-  while (*pattern == '*') ++pattern;
-  return *pattern == '\0';
-}
 
 bool IsDirectory(DIR* folder, const dirent* entry) {
   if (entry->d_type == DT_DIR) return true;
