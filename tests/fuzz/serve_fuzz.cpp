@@ -1,134 +1,149 @@
-// libFuzzer target: the input is one client's whole conversation, fed to the real command
-// loop (ServeConnection) over a socket pair, against a data folder with spool files, gamut
-// files, configurations, stored lists and pointer file, the stand-ins of the colour tool and
-// of jobfeeder, and the scripted spooler in place of CUPS.
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cerrno>
+// libFuzzer target of the server: the real listener and command loop (RunListener,
+// ServeConnection and every handler) on the in-memory machine, so that an input costs no
+// disk, no process, no thread and no socket. The input is
+//   3 bytes of setting (see Setting below), then up to 4 client conversations, each the
+//   bytes one client sends before it closes its side, separated by kNextClient.
+// Every conversation goes through the listener and is served to its end; the answers are
+// counted and dropped. After the input no connection, file reader or printer may be left
+// open: a leak is a finding, like a crash.
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <string_view>
-#include <thread>
+#include <vector>
 
+#include "memory/memory.h"
+#include "platform/files.h"
+#include "memory/spooler_double.h"
 #include "server/connection.h"
-#include "spooler_double.h"
-#include "toolkit/toolkit.h"
-
-namespace fs = std::filesystem;
+#include "server/inline_commands.h"
 
 namespace {
 
-fs::path root;  // everything the server may touch lies below root/data and root/tmp
+using namespace kvt;
+namespace fake = spooler::fake;
 
-using kvt::test::WriteFile;
+constexpr std::string_view kNextClient("\xFE\xFD\xFC\xFB", 4);
+constexpr int kMaxClients = 4;
+constexpr const char* kJobfeeder = "/corvina/jobfeeder";
+constexpr const char* kTool = "/programs/KVT/ShadeProof/ShadeProof.exe";
 
-// A conversation may delete, add or replace any of these files.
-void MakeData() {
-  const fs::path data = root / "data", corvina = data / "Corvina", gamut = corvina / "gamut";
-  fs::remove_all(data);
-  // The colour tool's files; the folder itself is the server's, made once and remembered.
-  fs::create_directories(root / "tmp" / "Velmora");
-  for (const auto& entry : fs::directory_iterator(root / "tmp" / "Velmora")) fs::remove_all(entry);
+// The machine an input meets, from its first three bytes.
+struct Setting {
+  std::uint8_t a = 0x0C, b = 0, c = 0;  // with jobfeeder and the tool, nothing failing
+
+  std::size_t receiveLimit() const {
+    static constexpr std::size_t kLimits[] = {0, 1, 7, 64};
+    return kLimits[a & 3];
+  }
+  bool jobfeeder() const { return a & 0x04; }
+  bool tool() const { return a & 0x08; }
+  bool failHandOffs() const { return a & 0x10; }
+  bool joinsEntries() const { return a & 0x20; }
+  bool printersFail() const { return a & 0x40; }
+  bool clientResets() const { return a & 0x80; }  // the client takes only part of the answers
+  std::uint32_t exitCode() const {
+    static constexpr std::uint32_t kCodes[] = {0, 1, 2, 7, 127, 255, 256, 0xFFFFFFFF};
+    return kCodes[b & 7];
+  }
+  // The body budget is half of this: small enough that no input allocates much.
+  std::uint64_t memory() const { return std::uint64_t{64} << (10 + 4 * ((b >> 3) & 3)); }
+  int acceptFailures() const { return (b >> 5) & 3; }
+  bool diskFills() const { return b & 0x80; }
+  int hostAddresses() const { return c & 7; }
+  bool printerBroken() const { return c & 0x08; }
+  std::size_t resetAfter() const { return std::size_t{1} << (c >> 4); }
+};
+
+// The files every input starts from, made once: Reset brings them back after an input
+// that changed them.
+void MakeFiles() {
+  memory::Reset();
+  const std::string corvina = std::string(memory::kCommonData) + "/Corvina/";
   std::string header(1248, '\0');
   header.replace(0, 9, "Proof.pdf");
-  WriteFile(corvina / "spool" / "123456789012345.spl", header + "body");
-  WriteFile(corvina / "spool" / "Short.spl", "only a few bytes");
-  WriteFile(gamut / "Proofs" / "Over.gamut", std::string(9000, 'g'));
-  WriteFile(gamut / "Proofs" / "Empty.gamut", "");
-  WriteFile(gamut / "Proofs" / "Matte.cfg", "matte");
-  WriteFile(gamut / "Proofs" / "Paper.matte.cfg", "pap");
-  WriteFile(gamut / "Proofs" / "Paper.icc", "");
-  WriteFile(gamut / "Proofs" / "Glossy.icm", "");
-  WriteFile(corvina / "PrinterList", "A123456789");
-  WriteFile(corvina / "ScannerList", std::string("\0xy", 3));
-  WriteFile(data / "Velmora" / "Corvina", (root / "corvina").string() + "\n");
+  header.replace(922, 15, "123456789012345");
+  memory::PutFile(corvina + "spool/123456789012345.spl", header + "body", 1000);
+  memory::PutFile(corvina + "spool/Short.spl", "only a few bytes", 1001);
+  memory::PutFile(corvina + "spool/Huge.spl", "", 1002, std::int64_t{1} << 31);
+  memory::PutFolder(corvina + "spool/Folder.spl");
+  memory::PutFile(corvina + "gamut/Proofs/Over.gamut", std::string(9000, 'g'), 5000);
+  memory::PutFile(corvina + "gamut/Proofs/Empty.gamut", "", 5001);
+  memory::PutFile(corvina + "gamut/Proofs/Shrunk.gamut", "abc", 5002, 20000);
+  memory::PutFile(corvina + "gamut/Proofs/Bad.gamut", std::string(100, 'b'), 5003);
+  memory::BreakReads(corvina + "gamut/Proofs/Bad.gamut", 10);
+  memory::PutFile(corvina + "gamut/Proofs/Matte.cfg", "matte", 7000);
+  memory::PutFile(corvina + "gamut/Proofs/Paper.matte.cfg", "pap", 6000);
+  memory::PutFile(corvina + "gamut/Proofs/Paper.icc", "", 6500);
+  memory::PutFile(corvina + "gamut/Proofs/Glossy.icm", "", 6600);
+  memory::PutFile(corvina + "gamut/Proofs/Glossy.cfg", "g", 6100);
+  memory::PutFile(corvina + "PrinterList", "A123456789");
+  memory::PutFile(corvina + "ScannerList", std::string("\0xy", 3));
+  memory::PutFile(std::string(memory::kCommonData) + "/Velmora/Corvina", "/corvina\r\n");
+  memory::PutFile(kJobfeeder, "");
+  memory::PutFile(kTool, "");
+  memory::KeepFiles();
 }
 
-bool Inside(const char* path, const char* folder) {
-  const std::string normal = fs::path(path).lexically_normal().string();
-  return normal.starts_with((root / folder).string() + "/");
-}
+void MakeMachine(const Setting& s) {
+  memory::Reset();
+  NameCounter = 0;
+  if (!s.jobfeeder()) files::Remove(kJobfeeder);
+  if (!s.tool()) files::Remove(kTool);
+  memory::SetExitCode(s.exitCode());
+  memory::SetJoinsEntries(s.joinsEntries());
+  memory::FailHandOffs(s.failHandOffs());
+  memory::SetUsableMemory(s.memory());
+  if (s.diskFills()) memory::LimitWrites(2000);
+  const int failures = s.acceptFailures();
+  if (failures == 3) memory::FailThreadStarts(1);
+  else if (failures > 0) memory::FailAccepts(failures, failures == 2);
+  std::vector<std::uint32_t> addresses;
+  for (int i = 0; i < s.hostAddresses(); ++i) addresses.push_back(0xC0A80001 + std::uint32_t(i % 6));
+  memory::SetHostAddresses(addresses);
 
-// Feeds the conversation and throws away the answers, so that the server never blocks on a
-// full buffer; half-closes once all is sent, and ends when the server has closed its end.
-void Converse(int fd, const std::uint8_t* data, std::size_t size) {
-  bool sending = true;
-  for (char sink[65536];;) {
-    if (sending && size == 0) sending = false, ::shutdown(fd, SHUT_WR);
-    pollfd p{fd, short(POLLIN | (sending ? POLLOUT : 0)), 0};
-    if (::poll(&p, 1, -1) < 0) continue;
-    if (p.revents & POLLOUT) {
-      const ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (n > 0) data += n, size -= std::size_t(n);
-      if (n < 0 && errno != EAGAIN) size = 0;  // the server has gone
-    }
-    if (p.revents & (POLLIN | POLLHUP | POLLERR)) {
-      const ssize_t n = ::recv(fd, sink, sizeof sink, MSG_DONTWAIT);
-      if (n == 0 || (n < 0 && errno != EAGAIN)) return;
-    }
-  }
+  fake::Printers() = {
+      {"KvtProofA", {{7}, {8, spooler::kJobPaused, "paused"}, {9, spooler::kJobSpooling}}},
+      {"KvtProofB", {{10, spooler::kJobPrinting | spooler::kJobError}}, s.printerBroken()},
+      {std::string(170, 'L'), {{11}}},
+      {"KvtProofC", {{12}}, false, s.printerBroken()}};
+  fake::FailPrinterListing(s.printersFail());
 }
 
 }  // namespace
 
-// A client's path must never reach files outside the fuzzer's own folder: the delete and
-// upload commands take whatever the input names. Linked in with --wrap.
-extern "C" bool __real__ZN3kvt5files6RemoveEPKc(const char* path);
-extern "C" long long __real__ZN3kvt5files7ReplaceEPKcPKvm(const char*, const void*, std::size_t);
-extern "C" bool __wrap__ZN3kvt5files6RemoveEPKc(const char* path) {
-  return Inside(path, "data") && __real__ZN3kvt5files6RemoveEPKc(path);
-}
-extern "C" long long __wrap__ZN3kvt5files7ReplaceEPKcPKvm(const char* path, const void* data,
-                                                         std::size_t size) {
-  return Inside(path, "data") ? __real__ZN3kvt5files7ReplaceEPKcPKvm(path, data, size) : -1;
-}
-
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  std::string pattern = fs::temp_directory_path() / "kvt-fuzz-XXXXXX";
-  root = fs::canonical(::mkdtemp(pattern.data()));
-  std::atexit([] { fs::remove_all(root); });
-  // The folders the server takes from its environment, read once and cached by it.
-  ::setenv("ProgramData", (root / "data").c_str(), 1);
-  ::setenv("ProgramFiles", (root / "programs").c_str(), 1);
-  ::unsetenv("ProgramFiles(x86)");
-  ::setenv("TMPDIR", (root / "tmp").c_str(), 1);
-  ::unsetenv("KVT_STANDIN_DIR");  // the stand-ins record nothing
-  const fs::path tool = root / "programs" / "KVT" / "ShadeProof" / "ShadeProof.exe";
-  fs::create_directories(tool.parent_path());
-  fs::create_directories(root / "corvina");
-  fs::create_directories(root / "tmp");
-  fs::copy_file(KVT_STANDIN_TOOL, tool);
-  fs::copy_file(KVT_STANDIN_JOBFEEDER, root / "corvina" / "jobfeeder");
-  std::snprintf(kvt::SpoolFolder, sizeof kvt::SpoolFolder, "%s/data/Corvina/spool", root.c_str());
-  std::snprintf(kvt::GamutFolder, sizeof kvt::GamutFolder, "%s/data/Corvina/gamut", root.c_str());
+  MakeFiles();
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  // Only uploads, deletions and colour tables change files: the folder is made again after
-  // an input that holds one of their frames (a frame is dispatched only when it is there).
-  static bool changed = true;
-  if (changed) MakeData();
-  const std::string_view input(reinterpret_cast<const char*>(data), size);
-  changed = false;
-  for (const char code : {'\x03', '\x06', '\x07', '\x17'})
-    changed |= input.find(std::string("KVT") + code) != std::string_view::npos;
-  namespace fake = kvt::spooler::fake;
-  fake::Reset();
-  fake::Printers() = {{"KvtProofA", {{7}, {8, 0x1, "paused"}}}, {"KvtProofB", {{9}}}};
-  int pair[2];
-  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) std::abort();
-  std::thread client(Converse, pair[0], data, size);
-  // Allocated as the listener does; ServeConnection closes the socket and releases it.
-  auto* record = static_cast<kvt::ConnectionRecord*>(std::calloc(1, sizeof(kvt::ConnectionRecord)));
-  record->socket = pair[1];
-  kvt::ServeConnection(record);
-  client.join();
-  ::close(pair[0]);
+  std::string_view input(reinterpret_cast<const char*>(data), size);
+  Setting setting;
+  if (input.size() >= 3) {
+    setting = {std::uint8_t(input[0]), std::uint8_t(input[1]), std::uint8_t(input[2])};
+    input.remove_prefix(3);
+  }
+  MakeMachine(setting);
+
+  std::vector<net::Socket> clients;
+  for (int i = 0; i < kMaxClients && (i == 0 || !input.empty()); ++i) {
+    const std::size_t end = input.find(kNextClient);
+    const std::string_view conversation = input.substr(0, end);
+    input.remove_prefix(end == std::string_view::npos ? input.size() : end + kNextClient.size());
+    const memory::Pair pair = memory::Connect();
+    memory::Discard(pair.client);
+    memory::LimitReceives(pair.server, setting.receiveLimit());
+    if (setting.clientResets()) memory::BreakAfter(pair.client, setting.resetAfter());
+    memory::Write(pair.client, conversation, true);
+    memory::QueueForAccept(pair.server);
+    clients.push_back(pair.client);
+  }
+  RunListener();  // returns once every queued connection has been served
+
+  for (net::Socket client : clients) net::Close(client);
+  if (memory::OpenSockets() != 0 || memory::OpenReaders() != 0 || fake::OpenHandles() != 0)
+    std::abort();  // something the server opened was never closed
+  memory::Reset();  // what the input made is freed with it, as libFuzzer's leak check wants
   return 0;
 }

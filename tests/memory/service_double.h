@@ -1,7 +1,5 @@
-// A scripted service control manager in place of the platform's: service_double.cpp
-// defines every function of platform/service.h, so a test binary that links it never takes
-// the platform's own from kvt_platform. It records each call, fails the steps it is told
-// to, and knows which handles are still open.
+// The in-memory machine's service control manager (memory.h), scripted: it records each
+// call, fails the steps it is told to, and knows which handles are still open.
 #pragma once
 #include <initializer_list>
 #include <string>

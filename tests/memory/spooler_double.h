@@ -1,6 +1,5 @@
-// A scripted print spooler in place of the platform's: spooler_double.cpp defines every
-// function of platform/spooler.h, so a test binary that links it never takes the
-// platform's own from kvt_platform. It records the calls and knows which printers are open.
+// The in-memory machine's print spooler (memory.h): scripted printers and jobs. It records
+// the calls and knows which printers are open.
 #pragma once
 #include <optional>
 #include <string>

@@ -1,16 +1,16 @@
-// The job listing and job references against the scripted spooler, over a real connection.
+// The job listing and job references against the scripted spooler.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <optional>
 #include <string>
-#include <thread>
 
 #include "client/print_client.h"
+#include "memory/served.h"
+#include "memory/spooler_double.h"
 #include "print/jobs.h"
 #include "server/inline_commands.h"
-#include "spooler_double.h"
-#include "toolkit/loopback.h"
+#include "server/wire.h"
 
 namespace kvt {
 namespace {
@@ -21,18 +21,17 @@ using fake::FakePrinter;
 
 std::string JobName(const std::string& record) { return client::ParseJobRecord(record).jobName; }
 
-// The handlers run on the test's thread with the server's end of a loopback connection.
+// The handlers run on the test's thread with the server's end of the connection.
 class JobsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    fake::Reset();
+    memory::Reset();
     Connect();
   }
   void TearDown() override { Disconnect(); }
   void Connect() {
     link_.emplace();
     record_ = link_->record;
-    std::copy_n("\x04\x03\x02\x01", 4, record_->byteOrderMark);
   }
   void Disconnect() {  // the connection's teardown closes its printers
     net::Close(record_->socket);
@@ -40,23 +39,24 @@ class JobsTest : public ::testing::Test {
     link_.reset();
   }
   std::vector<std::string> List() {
-    std::thread server([this] { ListJobs(*record_); });  // the reply may outgrow the buffers
-    const std::string length = link_->Read(4);
-    EXPECT_EQ(length.size(), 4u);
-    std::string body = link_->Read(GetClientU32(*record_, reinterpret_cast<const std::uint8_t*>(length.data())));
-    server.join();
+    ListJobs(*record_);
+    const std::string answer = link_->Answer();
+    EXPECT_GE(answer.size(), 4u);
+    const std::size_t length =
+        GetClientU32(*record_, reinterpret_cast<const std::uint8_t*>(answer.data()));
+    EXPECT_EQ(answer.size(), 4 + length);
     std::vector<std::string> records;
-    for (std::size_t at = 0; at < body.size(); at += sizeof(JobRecord))
-      records.push_back(body.substr(at, sizeof(JobRecord)));
+    for (std::size_t at = 4; at < answer.size(); at += sizeof(JobRecord))
+      records.push_back(answer.substr(at, sizeof(JobRecord)));
     return records;
   }
   int Cancel(std::string name) {
     name.resize(16, '\0');
     link_->Send(name);
     CancelJobOrSpoolFile(*record_);
-    return link_->Read(1)[0];
+    return link_->Answer()[0];
   }
-  std::optional<testing_net::Loopback> link_;
+  std::optional<test::Link> link_;
   ConnectionRecord* record_ = nullptr;
 };
 

@@ -5,32 +5,36 @@
 #include <cstdio>
 #include <string>
 
-#include "print/upload.h"
-#include "toolkit/loopback.h"
-#include "toolkit/toolkit.h"
+#include "client/spool_client.h"
+#include "memory/served.h"
 
 namespace kvt {
 namespace {
 
-using namespace test;
-
 // The spool path holds at most 79 characters: a folder of 60, "/", the name, ".spl".
 TEST(Upload, SpoolPathBounds) {
-  ScratchFolder scratch;
-  const fs::path padded = scratch.path / std::string(59 - scratch.path.string().size(), 'p');
-  fs::create_directories(padded);
-  auto upload = [](const std::string& name, const std::string& body) {
-    return Frame(CMD_UPLOAD_SPOOL) + Field(name, 16) + Le32(std::uint32_t(body.size())) + body;
+  memory::Reset();
+  const std::string padded = "/" + std::string(59, 'p');
+  std::snprintf(SpoolFolder, sizeof SpoolFolder, "%s", padded.c_str());
+  memory::PutFolder(padded);
+  test::Served s;
+  auto upload = [&](const std::string& name, std::string body) {
+    std::string error;
+    auto stored = client::UploadSpool(s.client, name, std::uint32_t(body.size()),
+                                      [&](char* buffer, std::size_t size) {
+                                        const std::size_t n = body.copy(buffer, size);
+                                        return body.erase(0, n), n;
+                                      }, nullptr, &error);
+    EXPECT_TRUE(stored.has_value()) << error;
+    return stored.value_or(false);
   };
-  testing_net::Served s;
-  std::snprintf(SpoolFolder, sizeof SpoolFolder, "%s", padded.string().c_str());
-  EXPECT_EQ(s.Ask(upload("123456789012345", "abc"), 1), std::string(1, '\0'));
-  EXPECT_EQ(s.Ask(upload("12345678901234", "abc"), 1), "\x01");
-  EXPECT_EQ(ReadFile(padded / "12345678901234.spl"), "abc");
+  EXPECT_FALSE(upload("123456789012345", "abc"));
+  EXPECT_TRUE(upload("12345678901234", "abc"));
+  EXPECT_EQ(memory::FileContent(padded + "/12345678901234.spl"), "abc");
   SpoolFolder[0] = '\0';  // no spool folder: refused, and nothing stored anywhere
-  EXPECT_EQ(s.Ask(upload("Empty", ""), 1), std::string(1, '\0'));
+  EXPECT_FALSE(upload("Empty", ""));
   s.Leave();
-  EXPECT_EQ(Listing(padded), std::set<std::string>{"12345678901234.spl"});
+  EXPECT_EQ(memory::Listing(padded), std::vector<std::string>{"12345678901234.spl"});
 }
 
 }  // namespace

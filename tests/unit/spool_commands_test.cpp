@@ -1,57 +1,54 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "memory/memory.h"
 #include "print/upload.h"
-#include "toolkit/toolkit.h"
 
 namespace kvt {
 namespace {
 
-using namespace test;
+using Texts = std::vector<std::string>;
 
+// What each start hands the program, where the platform passes the entries as they are
+// and where it joins them into one command line (each entry then in quotes).
 TEST(Launch, RunProgram) {
-  const char* records = std::getenv("KVT_STANDIN_DIR");
-  if (records == nullptr) GTEST_SKIP() << "run through ctest: needs KVT_STANDIN_DIR";
-  const StandinRecords standins(records);
-  const fs::path standin = KVT_STANDIN_JOBFEEDER;
-  fs::create_directories(records);
-  standins.Clear();
-  ScratchFolder scratch;
-  // The stand-in, named without its extension: on Windows the start completes it.
-  auto place = [&](const fs::path& folder) {
-    fs::create_directories(folder);
-    fs::copy_file(standin, folder / standin.filename());
-    return (folder / "jobfeeder").string();
-  };
-  const std::string blanks = place(scratch.path / "a folder");
-  const std::size_t room = 99 - scratch.path.string().size() - 11;  // 99 in all: 2 "/", name
-  const std::string longest = place(scratch.path / std::string(room, 'p'));
-  const std::string over = place(scratch.path / std::string(room + 1, 'p'));
-  ASSERT_EQ(longest.size(), 99u);
-
-  EXPECT_GE(RunProgram(blanks.c_str(), "two words", "", nullptr), 0);
+  const std::string blanks = "/a folder/jobfeeder";
+  const std::string longest = "/" + std::string(88, 'p') + "/jobfeeder";  // 99 characters
+  const std::string over = "/" + std::string(89, 'p') + "/jobfeeder";
   std::vector<std::string> numbers;
-  std::vector<const char*> entries{blanks.c_str()};
-  std::string sixty;
+  std::vector<const char*> sixty{blanks.c_str()};
   for (int i = 0; i < kMaxProgramArguments; ++i) numbers.push_back(std::to_string(i));
-  for (const std::string& n : numbers) entries.push_back(n.c_str()), sixty += "\t" + n;
-  entries.push_back(nullptr);
-  EXPECT_GE(RunProgramList(entries.data()), 0);
-  entries.insert(entries.end() - 1, "61");
-  EXPECT_EQ(RunProgramList(entries.data()), -1);
-  EXPECT_GE(RunProgram(longest.c_str(), nullptr), 0);
-  EXPECT_EQ(RunProgram(over.c_str(), nullptr), -1);
-  // Entries that quotes can't carry are refused on every platform alike.
-  EXPECT_EQ(RunProgram(blanks.c_str(), "say \"hi\"", nullptr), -1);
-  EXPECT_EQ(RunProgram(blanks.c_str(), "C:\\folder\\", nullptr), -1);
+  for (const std::string& n : numbers) sixty.push_back(n.c_str());
+  sixty.push_back(nullptr);
+  std::vector<const char*> sixtyOne = sixty;
+  sixtyOne.insert(sixtyOne.end() - 1, "61");
 
-  std::vector<std::string> lines = standins.WaitForStarts(3);
-  std::sort(lines.begin(), lines.end());  // they run at the same time
-  EXPECT_EQ(lines, (std::vector<std::string>{"", sixty, "\ttwo words\t"}));
+  for (bool joins : {false, true}) {
+    SCOPED_TRACE(joins ? "joined" : "as they are");
+    memory::Reset();
+    memory::SetJoinsEntries(joins);
+    for (const std::string& program : {blanks, longest, over}) memory::PutFile(program, "");
+    auto q = [joins](const std::string& entry) { return joins ? "\"" + entry + "\"" : entry; };
+
+    EXPECT_GE(RunProgram(blanks.c_str(), "two words", "", nullptr), 0);
+    EXPECT_GE(RunProgramList(sixty.data()), 0);
+    EXPECT_EQ(RunProgramList(sixtyOne.data()), -1);
+    EXPECT_GE(RunProgram(longest.c_str(), nullptr), 0);
+    EXPECT_EQ(RunProgram(over.c_str(), nullptr), -1);
+    EXPECT_EQ(RunProgram("/missing/jobfeeder", nullptr), -1);
+    // Entries that quotes can't carry are refused on every platform alike.
+    EXPECT_EQ(RunProgram(blanks.c_str(), "say \"hi\"", nullptr), -1);
+    EXPECT_EQ(RunProgram(blanks.c_str(), "C:\\folder\\", nullptr), -1);
+
+    const auto& starts = memory::Starts();
+    ASSERT_EQ(starts.size(), 3u);
+    EXPECT_EQ(starts[0].argv, (Texts{q(blanks), q("two words"), q("")}));
+    ASSERT_EQ(starts[1].argv.size(), 61u);
+    EXPECT_EQ(starts[1].argv[60], q("59"));
+    EXPECT_EQ(starts[2].argv, Texts{q(longest)});
+  }
 }
 
 }  // namespace

@@ -1,0 +1,95 @@
+// libFuzzer target of the other side of the wire: what kvtctl and kvtweb read from a server,
+// when the server is hostile or broken. The input is
+//   1 byte: the client's byte order (bit 0) and how many bytes each receive gives (bits 1-2),
+//   4 bytes: the requests made on one connection, one byte each, in order,
+//   the rest: every byte the "server" sends before it closes the connection.
+// The client library (src/client) runs on the in-memory machine; each answer it accepts is
+// also made into the JSON documents that kvtctl and kvtweb print. A crash, a leak, an
+// allocation past libFuzzer's limit or a hang is a finding.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "client/listing_json.h"
+#include "client/print_client.h"
+#include "client/spool_client.h"
+#include "memory/memory.h"
+
+namespace {
+
+using namespace kvt;
+using namespace kvt::client;
+
+void Request(Connection& c, std::uint8_t which) {
+  std::string error;
+  switch (which % 12) {
+    case 0:
+      if (auto records = ListJobRecords(c, &error)) json::Jobs(*records);
+      break;
+    case 1:
+      ListsJob(c, "*0-7", &error);
+      break;
+    case 2:
+      GetStoredList(c, which & 0x80 ? StoredList::kScanners : StoredList::kPrinters, &error);
+      break;
+    case 3: {
+      std::size_t taken = 0;
+      c.GetGamut("Proofs", "Over", [&](const char*, std::size_t n) { return (taken += n) < 20000; });
+      break;
+    }
+    case 4:
+      if (auto configs = c.ListConfigs("Proofs")) json::Configs("Proofs", *configs);
+      break;
+    case 5:
+      c.RegisterColorTable("Table", "0123456789");
+      break;
+    case 6:
+      if (auto name = FreshJobName(c)) json::TimeOfJobName(*name);
+      break;
+    case 7: {
+      std::size_t left = 3000;
+      UploadSpool(c, "123456789012345", 3000, [&](char* buffer, std::size_t size) {
+            const std::size_t n = size < left ? size : left;
+            for (std::size_t i = 0; i < n; ++i) buffer[i] = 'u';
+            return left -= n, n;
+          }, nullptr, &error);
+      break;
+    }
+    case 8:
+      CancelJobOrSpoolFile(c, "*1-2");
+      break;
+    case 9:
+      DeleteServerFile(c, "/data/x");
+      break;
+    case 10:
+      Quit(c, "a", "b");
+      break;
+    default:
+      c.SendClose();
+      break;
+  }
+  json::Error(error + c.error());
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size < 5) return 0;
+  memory::Reset();
+  const memory::Pair pair = memory::Connect();
+  static constexpr std::size_t kReceiveLimits[] = {0, 1, 5, 4096};
+  memory::LimitReceives(pair.client, kReceiveLimits[(data[0] >> 1) & 3]);
+  memory::Write(pair.server, std::string_view(reinterpret_cast<const char*>(data) + 5, size - 5), true);
+  memory::Discard(pair.server);
+  memory::OfferConnection(pair.client);
+  {
+    Connection c;  // nothing waits: the server's bytes are all there, then its end
+    if (c.Connect("127.0.0.1") && c.Open(data[0] & 1 ? ByteOrder::kBig : ByteOrder::kLittle))
+      for (int i = 1; i <= 4; ++i) Request(c, data[i]);
+    json::Ping("127.0.0.1:51470", c.order(), 0.25, c.error());
+  }
+  net::Close(pair.server);
+  if (memory::OpenSockets() != 0) std::abort();  // the client left its socket open
+  return 0;
+}

@@ -1,0 +1,357 @@
+// Files, folders and the folder search of the in-memory machine: one map from normalised
+// path to node. Paths are taken as a POSIX system takes them ("." and ".." steps resolved,
+// repeated "/" folded, relative to "/"), so a client's odd path names what it would there.
+#include <cerrno>
+#include <cstdio>
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <new>
+#include <set>
+#include <vector>
+
+#include "internal.h"
+#include "memory.h"
+#include "platform/files.h"
+#include "platform/folders.h"
+#include "platform/posix/wildcard.h"
+#include "platform/search.h"
+
+namespace kvt {
+namespace {
+
+struct Node {
+  bool folder = false;
+  std::string data;
+  std::uint32_t mtime = 0;
+  std::optional<std::int64_t> size;
+  std::size_t readable = SIZE_MAX;  // bytes that can be read before reads fail
+};
+
+struct OpenFile {
+  std::string data;
+  std::size_t at = 0, readable = SIZE_MAX;
+};
+
+std::mutex lock;
+std::map<std::string, Node> nodes;
+std::set<std::string> madeFolders;  // by the program: they stay across Reset, as on a disk
+std::map<std::string, Node> kept;   // what Reset brings back, once KeepFiles was called
+bool keeping = false, changed = true;
+std::map<int, OpenFile> readers;
+int nextReader = 3;
+std::size_t writable = SIZE_MAX;
+
+// Whether the path is already in normal form: absolute, no empty, "." or ".." step.
+bool IsNormal(const std::string& path) {
+  if (path.empty() || path[0] != '/') return false;
+  if (path.size() == 1) return true;
+  if (path.back() == '/') return false;
+  for (std::size_t at = 0; at < path.size(); at = path.find('/', at + 1)) {
+    const std::size_t next = std::min(path.find('/', at + 1), path.size());
+    const std::size_t length = next - at - 1;
+    if (length == 0 || (path[at + 1] == '.' && (length == 1 || (length == 2 && path[at + 2] == '.'))))
+      return false;
+    if (next == path.size()) break;
+  }
+  return true;
+}
+
+std::string Normal(const std::string& path) {
+  if (IsNormal(path)) return path;
+  std::vector<std::string> steps;
+  for (std::size_t at = 0; at <= path.size();) {
+    std::size_t end = path.find('/', at);
+    if (end == std::string::npos) end = path.size();
+    const std::string step = path.substr(at, end - at);
+    if (step == "..") {
+      if (!steps.empty()) steps.pop_back();
+    } else if (!step.empty() && step != ".") {
+      steps.push_back(step);
+    }
+    at = end + 1;
+  }
+  std::string normal;
+  for (const std::string& step : steps) normal += "/" + step;
+  return normal.empty() ? "/" : normal;
+}
+
+std::string Parent(const std::string& normal) {
+  const std::size_t slash = normal.rfind('/');
+  return slash == 0 ? "/" : normal.substr(0, slash);
+}
+
+bool IsFolder(const std::string& normal) {
+  auto node = nodes.find(normal);
+  return node != nodes.end() && node->second.folder;
+}
+
+void MakeFolders(const std::string& normal) {
+  if (normal != "/") MakeFolders(Parent(normal));
+  nodes[normal].folder = true;
+  changed = true;
+}
+
+// Writes as much as the disk takes; the number written.
+std::size_t Store(Node& node, const void* data, std::size_t size) {
+  changed = true;
+  const std::size_t taken = size < writable ? size : writable;
+  if (writable != SIZE_MAX) writable -= taken;
+  node = Node{};
+  node.data.assign(static_cast<const char*>(data), taken);
+  return taken;
+}
+
+bool Fits(char* out, std::size_t size, const std::string& text) {
+  const int n = std::snprintf(out, size, "%s", text.c_str());
+  if (n >= 0 && static_cast<std::size_t>(n) < size) return true;
+  if (size > 0) out[0] = '\0';
+  return false;
+}
+
+}  // namespace
+
+namespace memory {
+
+void internal::ResetFiles() {
+  std::lock_guard guard(lock);
+  readers.clear();
+  writable = SIZE_MAX;
+  if (keeping) {
+    if (changed) nodes = kept;
+    changed = false;
+    return;
+  }
+  nodes.clear();
+  for (std::string folder : {kProgramFolder, kHome, kCommonData, kProgramFiles, "/tmp"})
+    MakeFolders(folder);
+  MakeFolders(std::string(kHome) + "/Documents");
+  MakeFolders(std::string(kHome) + "/Desktop");
+  for (const std::string& folder : madeFolders) MakeFolders(folder);
+}
+
+void KeepFiles() {
+  std::lock_guard guard(lock);
+  kept = nodes;
+  keeping = true;
+  changed = false;
+}
+
+bool internal::IsFile(const char* path) {
+  std::lock_guard guard(lock);
+  auto node = nodes.find(Normal(path));
+  return node != nodes.end() && !node->second.folder;
+}
+
+void PutFile(const std::string& path, std::string_view content, std::uint32_t mtime,
+             std::optional<std::int64_t> size) {
+  std::lock_guard guard(lock);
+  const std::string normal = Normal(path);
+  MakeFolders(Parent(normal));
+  nodes[normal] = Node{false, std::string(content), mtime, size};
+  changed = true;
+}
+
+void PutFolder(const std::string& path) {
+  std::lock_guard guard(lock);
+  MakeFolders(Normal(path));
+}
+
+std::optional<std::string> FileContent(const std::string& path) {
+  std::lock_guard guard(lock);
+  auto node = nodes.find(Normal(path));
+  if (node == nodes.end() || node->second.folder) return std::nullopt;
+  return node->second.data;
+}
+
+std::vector<std::string> Listing(const std::string& folder) {
+  std::lock_guard guard(lock);
+  const std::string normal = Normal(folder), prefix = normal == "/" ? "/" : normal + "/";
+  std::vector<std::string> names;
+  for (auto it = nodes.upper_bound(prefix); it != nodes.end() && it->first.starts_with(prefix); ++it)
+    if (it->first.find('/', prefix.size()) == std::string::npos)
+      names.push_back(it->first.substr(prefix.size()));
+  return names;
+}
+
+int OpenReaders() {
+  std::lock_guard guard(lock);
+  return static_cast<int>(readers.size());
+}
+
+void LimitWrites(std::size_t bytes) {
+  std::lock_guard guard(lock);
+  writable = bytes;
+}
+
+void BreakReads(const std::string& path, std::size_t bytes) {
+  std::lock_guard guard(lock);
+  nodes[Normal(path)].readable = bytes;
+  changed = true;
+}
+
+}  // namespace memory
+
+namespace files {
+
+bool GetStatus(const char* path, Status* out) {
+  std::lock_guard guard(lock);
+  auto node = nodes.find(Normal(path));
+  if (node == nodes.end() || node->second.folder) return false;
+  const std::int64_t size = node->second.size.value_or(std::int64_t(node->second.data.size()));
+  if (size < 0 || size > 0x7FFFFFFF) return false;
+  out->size = static_cast<std::int32_t>(size);
+  out->mtime = node->second.mtime;
+  return true;
+}
+
+Created CreateNew(const char* path, const void* data, std::size_t size) {
+  std::lock_guard guard(lock);
+  const std::string normal = Normal(path);
+  if (nodes.count(normal) != 0) return Created::kExists;
+  if (!IsFolder(Parent(normal))) return Created::kFailed;
+  Store(nodes[normal], data, size);
+  return Created::kCreated;
+}
+
+long long Replace(const char* path, const void* data, std::size_t size) {
+  std::lock_guard guard(lock);
+  const std::string normal = Normal(path);
+  if (IsFolder(normal) || !IsFolder(Parent(normal))) return -1;
+  return static_cast<long long>(Store(nodes[normal], data, size));
+}
+
+bool Remove(const char* path) {
+  std::lock_guard guard(lock);
+  auto node = nodes.find(Normal(path));
+  if (node == nodes.end() || node->second.folder) return false;
+  nodes.erase(node);
+  changed = true;
+  return true;
+}
+
+Reader OpenForReading(const char* path) {
+  std::lock_guard guard(lock);
+  auto node = nodes.find(Normal(path));
+  if (node == nodes.end() || node->second.folder) {
+    errno = node == nodes.end() ? ENOENT : EISDIR;
+    return kNoReader;
+  }
+  readers[nextReader] = {node->second.data, 0, node->second.readable};
+  return nextReader++;
+}
+
+std::size_t Read(Reader file, void* buffer, std::size_t count) {
+  std::lock_guard guard(lock);
+  auto reader = readers.find(file);
+  if (reader == readers.end()) {
+    errno = EBADF;
+    return 0;
+  }
+  OpenFile& r = reader->second;
+  std::size_t end = std::min(r.data.size(), r.readable);
+  std::size_t got = std::min(count, end - std::min(end, r.at));
+  std::memcpy(buffer, r.data.data() + r.at, got);
+  r.at += got;
+  if (got < count && r.at >= r.readable) errno = EIO;
+  return got;
+}
+
+void Close(Reader file) {
+  std::lock_guard guard(lock);
+  readers.erase(file);
+}
+
+}  // namespace files
+
+namespace folders {
+
+bool StandardFolder(int selector, char* out, std::size_t size) {
+  using namespace memory;
+  switch (selector) {
+    case 0:
+    case 7:
+    case 8:
+      return Fits(out, size, kProgramFolder);
+    case 1:
+      return Fits(out, size, kHome);
+    case 3:
+      return Fits(out, size, kCommonData);
+    case 4:
+      return Fits(out, size, std::string(kHome) + "/Documents");
+    case 5:
+      return Fits(out, size, std::string(kHome) + "/Desktop");
+    case 6:
+      return Fits(out, size, kProgramFiles);
+    default:
+      out[0] = '\0';
+      return false;
+  }
+}
+
+bool ProgramPath(char* out, std::size_t size) { return Fits(out, size, memory::kProgramPath); }
+bool TempPath(char* out, std::size_t size) { return Fits(out, size, memory::kTempPath); }
+
+bool MakeFolder(const char* path) {
+  std::lock_guard guard(lock);
+  const std::string normal = Normal(path);
+  if (nodes.count(normal) != 0) return true;  // as mkdir's EEXIST
+  if (!IsFolder(Parent(normal))) return false;
+  nodes[normal].folder = true;
+  madeFolders.insert(normal);
+  if (keeping) kept[normal].folder = true;  // the same in both: nothing to bring back
+  return true;
+}
+
+}  // namespace folders
+
+namespace search {
+
+namespace {
+
+struct Search {
+  std::vector<Match> matches;
+  std::size_t next = 0;
+};
+
+}  // namespace
+
+Handle Start(const char* path, Match* first) {
+  const std::string text = path;
+  const std::size_t slash = text.rfind('/');
+  const std::string folder = slash == std::string::npos ? "/" : text.substr(0, slash);
+  const std::string pattern = text.substr(slash == std::string::npos ? 0 : slash + 1);
+  if (pattern.empty()) return nullptr;
+  auto* search = new (std::nothrow) Search;
+  if (search == nullptr) return nullptr;
+  const std::string normal = Normal(folder);
+  for (const std::string& name : memory::Listing(normal)) {
+    if (name.size() >= sizeof(Match::name) || !Matches(pattern.c_str(), name.c_str())) continue;
+    Match match{};
+    std::memcpy(match.name, name.c_str(), name.size() + 1);
+    std::lock_guard guard(lock);
+    match.directory = IsFolder(normal == "/" ? "/" + name : normal + "/" + name);
+    search->matches.push_back(match);
+  }
+  if (search->matches.empty()) {
+    delete search;
+    return nullptr;
+  }
+  *first = search->matches[0];
+  search->next = 1;
+  return search;
+}
+
+bool Next(Handle handle, Match* match) {
+  auto* search = static_cast<Search*>(handle);
+  if (search->next >= search->matches.size()) return false;
+  *match = search->matches[search->next++];
+  return true;
+}
+
+void End(Handle handle) { delete static_cast<Search*>(handle); }
+
+}  // namespace search
+
+}  // namespace kvt

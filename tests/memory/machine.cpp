@@ -1,0 +1,131 @@
+// The process of the in-memory machine: its memory, threads, console, clock and random
+// source. A thread start runs the routine at once, on the caller's thread, so that a test or
+// a fuzzer input is served from start to end before the call returns.
+#include <cstring>
+#include <mutex>
+
+#include "internal.h"
+#include "memory.h"
+#include "platform/console.h"
+#include "platform/entropy.h"
+#include "platform/process.h"
+#include "platform/thread.h"
+#include "service_double.h"
+#include "spooler_double.h"
+
+namespace kvt {
+namespace {
+
+std::mutex lock;
+std::uint64_t usableMemory = 0;
+int failingThreads = 0;
+long long slept = 0;
+std::string consoleText;
+std::uint32_t randomState = 1;
+
+// xorshift32: the same numbers after the same seed.
+std::uint32_t NextRandom() {
+  std::lock_guard guard(lock);
+  randomState ^= randomState << 13;
+  randomState ^= randomState >> 17;
+  randomState ^= randomState << 5;
+  return randomState;
+}
+
+}  // namespace
+
+namespace memory {
+
+void internal::ResetProcess(unsigned seed) {
+  std::lock_guard guard(lock);
+  usableMemory = std::uint64_t{1} << 30;
+  failingThreads = 0;
+  slept = 0;
+  consoleText.clear();
+  randomState = seed * 2654435761u + 1;
+  if (randomState == 0) randomState = 1;  // xorshift would stay at 0
+}
+
+void Reset(std::uint32_t seed) {
+  internal::ResetFiles();
+  internal::ResetSockets();
+  internal::ResetPrograms();
+  internal::ResetProcess(seed);
+  spooler::fake::Reset();
+  service::fake::Reset();
+}
+
+void SetUsableMemory(std::uint64_t bytes) {
+  std::lock_guard guard(lock);
+  usableMemory = bytes;
+}
+
+void FailThreadStarts(int count) {
+  std::lock_guard guard(lock);
+  failingThreads = count;
+}
+
+long long Slept() {
+  std::lock_guard guard(lock);
+  return slept;
+}
+
+std::string Console() {
+  std::lock_guard guard(lock);
+  return consoleText;
+}
+
+}  // namespace memory
+
+const char* process::ArgumentText(int, char**) { return ""; }
+void process::SetBinaryMode() {}
+void process::KeepRunningAtFileSizeLimit() {}
+void process::RaiseDescriptorLimit() {}
+
+std::uint64_t process::UsableMemory() {
+  std::lock_guard guard(lock);
+  return usableMemory;
+}
+
+bool process::LocalTimeNow(std::tm* out) {
+  *out = std::tm{};
+  out->tm_year = 126, out->tm_mon = 10, out->tm_mday = 25;  // 2026-11-25 09:30:00
+  out->tm_hour = 9, out->tm_min = 30;
+  return true;
+}
+
+bool thread::StartDetached(Routine routine, void* argument) {
+  {
+    std::lock_guard guard(lock);
+    if (failingThreads > 0) {
+      --failingThreads;
+      return false;
+    }
+  }
+  routine(argument);
+  return true;
+}
+
+void thread::SleepMilliseconds(int milliseconds) {
+  std::lock_guard guard(lock);
+  slept += milliseconds;
+}
+
+bool console::Open() { return true; }
+
+void console::Write(const char* text, std::size_t length) {
+  std::lock_guard guard(lock);
+  consoleText.append(text, length);
+}
+
+void console::Close() {}
+
+int entropy::Random15() { return static_cast<int>(NextRandom() >> 17); }
+
+bool entropy::Secret(void* out, std::size_t size) {
+  auto* bytes = static_cast<unsigned char*>(out);
+  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<unsigned char>(NextRandom() >> 24);
+  return true;
+}
+
+}  // namespace kvt

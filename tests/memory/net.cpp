@@ -1,0 +1,311 @@
+// Sockets of the in-memory machine: each connection is two ends, each with the bytes that
+// arrived at it. A receive waits for bytes or for the peer's end (with the time-out set on the
+// socket); a send never waits. Listening sockets hand out the connections queued for them.
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <mutex>
+
+#include "internal.h"
+#include "memory.h"
+#include "platform/net.h"
+
+namespace kvt {
+namespace {
+
+struct End {
+  std::string inbox;
+  std::size_t read = 0;         // of the inbox
+  net::Socket peer = net::kNoSocket;
+  bool peerDone = false;        // the peer sends nothing more
+  bool closed = false;
+  bool connection = false;      // made by Connect or Accept, not a listener or a spare
+  bool discard = false;
+  std::size_t receiveLimit = 0;
+  std::size_t acceptable = SIZE_MAX;  // bytes still taken before the peer's sends fail
+  int timeoutMs = 0;
+  std::string listening;        // "a.b.c.d:port" of a listener
+};
+
+std::mutex lock;
+std::condition_variable arrived;
+std::map<net::Socket, End> ends;
+net::Socket nextSocket = 1000;  // never reused, not even across Reset
+std::deque<net::Socket> acceptQueue, offered;
+std::vector<std::uint32_t> hostAddresses;
+std::vector<std::string> listenerLog;
+int failingAccepts = 0, refused = 0;
+bool acceptsExhausted = false;
+
+net::Socket NewEnd(End end = {}) {
+  ends[nextSocket] = std::move(end);
+  return nextSocket++;
+}
+
+End* Find(net::Socket s) {
+  auto end = ends.find(s);
+  return end == ends.end() ? nullptr : &end->second;
+}
+
+// Moves bytes from `from` to its peer; the number taken, or -1 when the peer is gone.
+int Deliver(End& from, const char* bytes, std::size_t count) {
+  End* to = Find(from.peer);
+  if (from.closed || to == nullptr || to->closed || to->acceptable == 0) return -1;
+  count = std::min(count, to->acceptable);
+  if (to->acceptable != SIZE_MAX) to->acceptable -= count;
+  if (!to->discard) to->inbox.append(bytes, count);
+  arrived.notify_all();
+  return static_cast<int>(count);
+}
+
+}  // namespace
+
+namespace memory {
+
+void internal::ResetSockets() {
+  std::lock_guard guard(lock);
+  ends.clear();
+  acceptQueue.clear();
+  offered.clear();
+  hostAddresses.clear();
+  listenerLog.clear();
+  failingAccepts = refused = 0;
+  acceptsExhausted = false;
+}
+
+Pair Connect() {
+  std::lock_guard guard(lock);
+  End end;
+  end.connection = true;
+  const net::Socket client = NewEnd(end), server = NewEnd(end);
+  ends[client].peer = server;
+  ends[server].peer = client;
+  return {client, server};
+}
+
+void Write(net::Socket end, std::string_view bytes, bool shut) {
+  std::lock_guard guard(lock);
+  End* from = Find(end);
+  if (from == nullptr) return;
+  Deliver(*from, bytes.data(), bytes.size());
+  if (End* to = shut ? Find(from->peer) : nullptr) to->peerDone = true;
+  arrived.notify_all();
+}
+
+std::string Take(net::Socket end) {
+  std::lock_guard guard(lock);
+  End* e = Find(end);
+  if (e == nullptr) return {};
+  std::string bytes = e->inbox.substr(e->read);
+  e->inbox.clear();
+  e->read = 0;
+  return bytes;
+}
+
+void Discard(net::Socket end) {
+  std::lock_guard guard(lock);
+  if (End* e = Find(end)) e->discard = true;
+}
+
+void LimitReceives(net::Socket end, std::size_t bytes) {
+  std::lock_guard guard(lock);
+  if (End* e = Find(end)) e->receiveLimit = bytes;
+}
+
+void BreakAfter(net::Socket end, std::size_t bytes) {
+  std::lock_guard guard(lock);
+  if (End* e = Find(end)) e->acceptable = bytes;
+}
+
+int OpenSockets() {
+  std::lock_guard guard(lock);
+  return static_cast<int>(std::count_if(ends.begin(), ends.end(), [](const auto& e) {
+    return e.second.connection && !e.second.closed;
+  }));
+}
+
+void QueueForAccept(net::Socket serverEnd) {
+  std::lock_guard guard(lock);
+  acceptQueue.push_back(serverEnd);
+}
+
+void FailAccepts(int count, bool exhausted) {
+  std::lock_guard guard(lock);
+  failingAccepts = count;
+  acceptsExhausted = exhausted;
+}
+
+void SetHostAddresses(const std::vector<std::uint32_t>& addresses) {
+  std::lock_guard guard(lock);
+  hostAddresses = addresses;
+}
+
+std::vector<std::string> Listeners() {
+  std::lock_guard guard(lock);
+  return listenerLog;
+}
+
+int Refused() {
+  std::lock_guard guard(lock);
+  return refused;
+}
+
+void OfferConnection(net::Socket clientEnd) {
+  std::lock_guard guard(lock);
+  offered.push_back(clientEnd);
+}
+
+}  // namespace memory
+
+namespace net {
+
+int Startup() { return 0; }
+
+int Recv(Socket s, void* buffer, int count) {
+  std::unique_lock guard(lock);
+  End* e = Find(s);
+  if (e == nullptr || e->closed || count < 0) return -1;
+  auto ready = [&] {
+    End* peer = Find(e->peer);
+    return e->read < e->inbox.size() || e->peerDone || peer == nullptr || peer->closed;
+  };
+  if (e->timeoutMs > 0) {
+    if (!arrived.wait_for(guard, std::chrono::milliseconds(e->timeoutMs), ready)) return -1;
+  } else {
+    arrived.wait(guard, ready);
+  }
+  std::size_t n = std::min(static_cast<std::size_t>(count), e->inbox.size() - e->read);
+  if (e->receiveLimit > 0) n = std::min(n, e->receiveLimit);
+  std::memcpy(buffer, e->inbox.data() + e->read, n);
+  e->read += n;
+  if (e->read == e->inbox.size()) e->inbox.clear(), e->read = 0;
+  return static_cast<int>(n);
+}
+
+int Send(Socket s, const void* buffer, int count) {
+  std::lock_guard guard(lock);
+  End* e = Find(s);
+  if (e == nullptr || count < 0) return -1;
+  return Deliver(*e, static_cast<const char*>(buffer), static_cast<std::size_t>(count));
+}
+
+void Close(Socket s) {
+  std::lock_guard guard(lock);
+  End* e = Find(s);
+  if (e == nullptr) return;
+  e->closed = true;
+  if (End* peer = Find(e->peer)) peer->peerDone = true;
+  if (!e->listening.empty()) ends.erase(s);
+  arrived.notify_all();
+}
+
+int GetHostName(char* name, int size) {
+  return std::snprintf(name, static_cast<std::size_t>(size), "memhost") < size ? 0 : -1;
+}
+
+int ResolveIPv4(const char* name, std::uint8_t (*addresses)[4], int max) {
+  std::lock_guard guard(lock);
+  std::vector<std::uint32_t> found;
+  if (std::strcmp(name, "localhost") == 0) found = {0x7F000001};
+  if (std::strcmp(name, "memhost") == 0) found = hostAddresses;
+  int count = 0;
+  for (std::uint32_t a : found) {
+    if (count == max) break;
+    for (int i = 0; i < 4; ++i) addresses[count][i] = static_cast<std::uint8_t>(a >> (24 - 8 * i));
+    ++count;
+  }
+  return count;
+}
+
+Socket OpenListener(const std::uint8_t addr[4], std::uint16_t port, int) {
+  char text[24];
+  std::snprintf(text, sizeof text, "%u.%u.%u.%u:%u", addr[0], addr[1], addr[2], addr[3], port);
+  std::lock_guard guard(lock);
+  for (const auto& [socket, end] : ends)
+    if (end.listening == text) return kNoSocket;  // the address is taken
+  End end;
+  end.listening = text;
+  listenerLog.push_back(text);
+  return NewEnd(end);
+}
+
+int WaitReadable(const Socket*, int count, bool* ready) {
+  std::lock_guard guard(lock);
+  if (count <= 0 || (acceptQueue.empty() && failingAccepts == 0)) return -1;
+  for (int i = 0; i < count; ++i) ready[i] = i == 0;
+  return 1;
+}
+
+Socket Accept(Socket, bool* exhausted) {
+  std::lock_guard guard(lock);
+  if (exhausted != nullptr) *exhausted = false;
+  if (failingAccepts > 0) {
+    --failingAccepts;
+    if (exhausted != nullptr) *exhausted = acceptsExhausted;
+    // Out of descriptors the connection stays queued; any other failure takes it away.
+    if (!acceptsExhausted && !acceptQueue.empty()) {
+      End& gone = ends[acceptQueue.front()];
+      gone.closed = true;
+      if (End* client = Find(gone.peer)) client->peerDone = true;
+      acceptQueue.pop_front();
+    }
+    return kNoSocket;
+  }
+  if (acceptQueue.empty()) return kNoSocket;
+  const Socket s = acceptQueue.front();
+  acceptQueue.pop_front();
+  return s;
+}
+
+Socket OpenSpare() {
+  std::lock_guard guard(lock);
+  return NewEnd();
+}
+
+void Refuse(Socket s) {
+  {
+    std::lock_guard guard(lock);
+    ++refused;
+  }
+  Close(s);
+}
+
+std::uint16_t LocalPort(Socket s) {
+  std::lock_guard guard(lock);
+  End* e = Find(s);
+  if (e == nullptr || e->listening.empty()) return 0;
+  return static_cast<std::uint16_t>(std::stoi(e->listening.substr(e->listening.find(':') + 1)));
+}
+
+Socket Connect(const char*, std::uint16_t, int* error) {
+  std::lock_guard guard(lock);
+  if (offered.empty()) {
+    *error = 111;  // ECONNREFUSED
+    return kNoSocket;
+  }
+  const Socket s = offered.front();
+  offered.pop_front();
+  *error = 0;
+  return s;
+}
+
+bool SetRecvTimeout(Socket s, int milliseconds) {
+  std::lock_guard guard(lock);
+  End* e = Find(s);
+  if (e == nullptr) return false;
+  e->timeoutMs = milliseconds;
+  return true;
+}
+
+const char* ErrorText(int error, char* buffer, std::size_t size) {
+  std::snprintf(buffer, size, "%s", error == 111 ? "Connection refused" : std::strerror(error));
+  return buffer;
+}
+
+}  // namespace net
+
+}  // namespace kvt
