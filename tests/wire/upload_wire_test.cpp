@@ -69,7 +69,7 @@ TEST_P(SpoolTest, HandoffLetsJobfeederTalkToTheClient) {
   for (int round = 0; round < 3; ++round) {
     Connection c = Opened();
     ASSERT_TRUE(c.SendFrame(kvt::CMD_PRINT_HANDOFF)) << c.error();
-    EXPECT_EQ(Receive(c, 8), "JOBFEED\n");
+    ASSERT_EQ(Receive(c, 8), "JOBFEED\n");  // without it, no start can be counted below
     EXPECT_TRUE(c.SendBytes("e", 1)) << c.error();
     EXPECT_EQ(c.RecvByte(), std::optional<std::uint8_t>('e')) << c.error();
     EXPECT_TRUE(c.ExpectEnd()) << c.error();  // the stand-in has gone, and so has the server
