@@ -157,10 +157,28 @@ bool Connection::SendText(std::string_view text, std::size_t width) {
 }
 
 Status Connection::RecvBytes(void* data, std::size_t count) {
+  return RecvUntil(data, count, Clock::now() + milliseconds(timeoutMs_));
+}
+
+Status Connection::RecvAppend(std::string& out, std::size_t count) {
+  constexpr std::size_t kPiece = 64 << 10;
+  const Clock::time_point deadline = Clock::now() + milliseconds(timeoutMs_);
+  for (std::size_t left = count; left > 0;) {
+    const std::size_t at = out.size(), piece = std::min(left, kPiece);
+    out.resize(at + piece);
+    if (RecvUntil(out.data() + at, piece, deadline) != Status::kOk) {
+      out.resize(at);
+      return status_;
+    }
+    left -= piece;
+  }
+  return Status::kOk;
+}
+
+Status Connection::RecvUntil(void* data, std::size_t count, Clock::time_point deadline) {
   if (!IsConnected()) return Ended(Status::kFailed, "not connected");
   auto* bytes = static_cast<char*>(data);
   std::size_t got = 0;
-  const Clock::time_point deadline = Clock::now() + milliseconds(timeoutMs_);
   while (got < count) {
     auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count();
     if (left <= 0) break;

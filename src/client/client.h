@@ -9,6 +9,7 @@
 // the socket in an undefined state).
 #pragma once
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -98,6 +99,9 @@ class Connection {
   // Reads exactly `count` bytes within the time-out; the bytes that did arrive stay in
   // `data`. kClosed also when the stream ended part-way.
   Status RecvBytes(void* data, std::size_t count);
+  // The same onto the end of `out`, which grows as the bytes arrive: a length that a broken
+  // server announces costs no more memory than the bytes that really come.
+  Status RecvAppend(std::string& out, std::size_t count);
   std::optional<std::uint8_t> RecvByte();
   std::optional<std::uint32_t> RecvU32();   // client order
   std::optional<std::uint32_t> RecvLe32();  // always little-endian
@@ -131,6 +135,7 @@ class Connection {
 
  private:
   bool Fail(Status status, std::string text);     // for calls that answer true/false
+  Status RecvUntil(void* data, std::size_t count, std::chrono::steady_clock::time_point deadline);
   Status Ended(Status status, std::string text);  // for reads
 
   net::Socket socket_ = net::kNoSocket;

@@ -4,7 +4,8 @@ namespace kvt::client {
 
 namespace {
 
-// Larger answers than these are taken for a broken stream rather than allocated.
+// Larger answers than these are taken for a broken stream; smaller ones grow only as their
+// bytes arrive (Connection::RecvAppend).
 constexpr std::uint32_t kMaxListing = 64u << 20;
 constexpr std::uint32_t kMaxStoredList = 256u << 20;
 
@@ -45,8 +46,8 @@ std::optional<std::string> ListJobRecords(Connection& connection, std::string* e
     connection.Close();
     return std::nullopt;
   }
-  std::string records(*length, '\0');
-  if (connection.RecvBytes(records.data(), records.size()) != Status::kOk) {
+  std::string records;
+  if (connection.RecvAppend(records, *length) != Status::kOk) {
     *error = connection.error();
     return std::nullopt;
   }
@@ -90,8 +91,8 @@ std::optional<std::string> GetStoredList(Connection& connection, StoredList list
     connection.Close();
     return std::nullopt;
   }
-  std::string bytes(1 + std::size_t{*length}, static_cast<char>(*first));
-  if (connection.RecvBytes(bytes.data() + 1, *length) != Status::kOk) return failed();
+  std::string bytes(1, static_cast<char>(*first));
+  if (connection.RecvAppend(bytes, *length) != Status::kOk) return failed();
   return bytes;
 }
 
