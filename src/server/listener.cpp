@@ -80,7 +80,7 @@ int RunListener() {
   SetFolder(SpoolFolder, "%s/Corvina/spool");
   SetFolder(GamutFolder, "%s/Corvina/gamut");
   process::RaiseDescriptorLimit();
-  SetBodyBudget(std::getenv(kBodyBudgetVariable), process::UsableMemory());
+  SetBodyBudget(std::getenv(kBodyBudgetVariable));
 
   char hostName[64] = {};
   if (net::GetHostName(hostName, sizeof hostName) != 0) hostName[0] = '\0';

@@ -1,9 +1,13 @@
 #include "support/body_budget.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <mutex>
+#include <optional>
+
+#include "platform/process.h"
 
 namespace kvt {
 
@@ -11,6 +15,8 @@ namespace {
 
 std::mutex budgetMutex;
 std::condition_variable budgetFreed;
+bool following = false;                // SetBodyBudget was called
+std::optional<std::uint64_t> setting;  // the operator's
 std::uint64_t budget = UINT64_MAX;
 std::uint64_t held = 0;
 void (*reclaimKept)() = nullptr;
@@ -32,27 +38,41 @@ bool ParseSize(const char* text, std::uint64_t& size) {
   return true;
 }
 
-}  // namespace
-
-void SetBodyBudget(const char* setting, std::uint64_t usable) {
-  std::uint64_t size = usable == 0 ? UINT64_MAX : usable / 2;  // unknown: no bound
-  ParseSize(setting, size);
+// The budget for the memory the process may use now (0: unknown, no bound).
+void FollowUsableMemory() {
+  const std::uint64_t usable = process::UsableMemory();  // reads files: outside the lock
   std::lock_guard lock(budgetMutex);
-  budget = size;
+  following = true;
+  const std::uint64_t whole = usable == 0 ? UINT64_MAX : usable;
+  budget = setting ? std::min(*setting, whole) : whole == UINT64_MAX ? whole : whole / 2;
 }
 
-std::uint64_t BodyBudget() {
+bool Following() {
   std::lock_guard lock(budgetMutex);
-  return budget;
+  return following;
+}
+
+}  // namespace
+
+void SetBodyBudget(const char* text) {
+  std::uint64_t size = 0;
+  {
+    std::lock_guard lock(budgetMutex);
+    setting = ParseSize(text, size) ? std::optional(size) : std::nullopt;
+  }
+  FollowUsableMemory();
 }
 
 bool TakeBodyBytes(std::uint64_t bytes) {
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::milliseconds(kBodyBudgetWaitMs);
+  if (bytes >= kBodyBudgetRereadBytes && Following()) FollowUsableMemory();
   std::unique_lock lock(budgetMutex);
+  // After a lowered limit more may be held than the budget allows: nothing fits then.
+  auto fits = [&] { return held <= budget && bytes <= budget - held; };
   if (bytes > budget) return false;
   for (;;) {
-    if (bytes <= budget - held) {
+    if (fits()) {
       held += bytes;
       return true;
     }
@@ -61,10 +81,9 @@ bool TakeBodyBytes(std::uint64_t bytes) {
       lock.unlock();
       reclaimKept();
       lock.lock();
-      if (bytes <= budget - held) continue;
+      if (fits()) continue;
     }
-    if (budgetFreed.wait_until(lock, deadline) == std::cv_status::timeout &&
-        bytes > budget - held)
+    if (budgetFreed.wait_until(lock, deadline) == std::cv_status::timeout && !fits())
       return false;
   }
 }

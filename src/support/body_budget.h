@@ -13,10 +13,14 @@ inline constexpr const char* kBodyBudgetVariable = "KVTNETD_BODY_MEMORY";
 // How long a request waits for others to give bytes back before it is refused.
 inline constexpr int kBodyBudgetWaitMs = 10000;
 
-// Sets the budget: `setting` when it holds a valid size, else half of `usable` (the memory
-// the process may use). Until it is called the budget has no bound.
-void SetBodyBudget(const char* setting, std::uint64_t usable);
-std::uint64_t BodyBudget();
+// A request of this many bytes or more reads the memory the process may use again first: a
+// limit can be lowered while the server runs (systemctl set-property, a tighter group).
+inline constexpr std::uint64_t kBodyBudgetRereadBytes = 1 << 20;
+
+// Sets the budget: `setting` when it holds a valid size, else half of the memory the process
+// may use (platform/process.h); never more than that memory itself. Until it is called the
+// budget has no bound.
+void SetBodyBudget(const char* setting);
 
 // Takes `bytes` from the budget. When they don't fit, memory kept for reuse is given back
 // first, then the call waits up to kBodyBudgetWaitMs for other requests to end; more than

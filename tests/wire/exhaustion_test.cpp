@@ -133,18 +133,24 @@ TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
     std::uint64_t value;
     std::function<void()> load;
     const char* whyNotWine;
+    std::uint64_t lowered = 0;  // the limit once the server runs (0: as it started)
+  };
+  auto uploads = [&] {
+    AtOnce(server, 3, upload, 1, server.Spool(), body.size());
+    // Half the group's limit is the budget: a body over it is refused at once.
+    EXPECT_EQ(upload(3), 0u);
+    EXPECT_FALSE(fs::exists(server.Spool() / "Big3.spl"));
   };
   const Row rows[] = {
       {"descriptors 40, 80 clients", nullptr, nullptr, 40, [&] { Hold(server, 80); },
        "Wine keeps the sockets in wineserver, and a limit on the Wine process breaks Wine's "
        "own pipes (\"wine client error: pipe: Too many open files\") before an accept fails"},
       {"memory 1 GiB, three uploads of 512 MiB", "memory", "memory.limit_in_bytes", 1u << 30,
-       [&] {
-         AtOnce(server, 3, upload, 1, server.Spool(), body.size());
-         // Half the group's limit is the budget: a body over it is refused at once.
-         EXPECT_EQ(upload(3), 0u);
-         EXPECT_FALSE(fs::exists(server.Spool() / "Big3.spl"));
-       }, ""},
+       uploads, ""},
+      {"memory 4 GiB lowered to 1 GiB while running, three uploads of 512 MiB", "memory",
+       "memory.limit_in_bytes", 4ull << 30, uploads,
+       "Wine reports the host's memory, not the group's: there the budget is the setting",
+       1u << 30},
       {"memory 1 GiB, four colour tables of 250 MB", "memory", "memory.limit_in_bytes", 1u << 30,
        [&] { AtOnce(server, 4, register_, 5, server.TableFolder(), table.size()); }, ""},
       {"threads 40, 100 clients", "pids", "pids.max", 40, [&] { Hold(server, 100); }, ""}};
@@ -163,6 +169,10 @@ TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
     // ThreadSanitizer's shadow memory, charged to the group, is several times what the server
     // holds: there the memory rows run outside a group, with the budget set as under Wine.
     const bool outside = KVT_SANITIZER_THREADS && row.controller && row.controller == "memory"s;
+    if (outside && row.lowered) {
+      notMade += row.limit + ": outside a group under ThreadSanitizer; "s;
+      continue;
+    }
     std::optional<Group> group;
     if (row.controller && !outside) group.emplace(server, row.controller, row.file, row.value);
     if (group && group->folder.empty()) {
@@ -182,6 +192,7 @@ TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
       EXPECT_TRUE(std::regex_search(ReadFile("/proc/" + std::to_string(server.pid()) + "/limits"),
                                     std::regex("Max open files +8192 +8192")));
     }
+    if (row.lowered) std::ofstream(group->folder / row.file) << row.lowered;
     row.load();
     EXPECT_TRUE(WaitUntil([] {
       client::Connection c;

@@ -1,5 +1,6 @@
 #include "platform/process.h"
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -8,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <mutex>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -22,10 +25,22 @@ struct Group {
   std::string folder, mount, limitFile;
 };
 
-bool FindMemoryGroup(Group& group) {
-  std::ifstream groups("/proc/self/cgroup");
+// A small file of /proc or /sys whole; empty when it can't be read.
+std::string ReadSmall(const std::string& path) {
+  std::string text;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return text;
+  char buffer[4096];
+  for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;) text.append(buffer, std::size_t(n));
+  ::close(fd);
+  return text;
+}
+
+// `groups` is /proc/self/cgroup: "id:controllers:path" lines.
+bool FindMemoryGroup(const std::string& groups, Group& group) {
+  std::istringstream lines(groups);
   std::string line, path, version;
-  while (std::getline(groups, line)) {  // "id:controllers:path"
+  while (std::getline(lines, line)) {
     const std::size_t first = line.find(':'), second = line.find(':', first + 1);
     if (first == std::string::npos || second == std::string::npos) continue;
     const std::string controllers = "," + line.substr(first + 1, second - first - 1) + ",";
@@ -56,6 +71,22 @@ bool FindMemoryGroup(Group& group) {
     return true;
   }
   return false;
+}
+
+// The process's group, found again only when /proc/self/cgroup has changed (the process was
+// moved): the body budget asks before every large request.
+std::optional<Group> MemoryGroup() {
+  static std::mutex lock;
+  static std::string groups;
+  static std::optional<Group> found;
+  std::string now = ReadSmall("/proc/self/cgroup");
+  std::lock_guard guard(lock);
+  if (now != groups) {
+    Group group;
+    found = FindMemoryGroup(now, group) ? std::optional(group) : std::nullopt;
+    groups = std::move(now);
+  }
+  return found;
 }
 
 }  // namespace
@@ -92,16 +123,15 @@ std::uint64_t UsableMemory() {
   std::uint64_t usable = pages > 0 && pageSize > 0 ? std::uint64_t(pages) * std::uint64_t(pageSize) : 0;
   // A parent group's limit binds its children too: the tightest on the way up counts. "max"
   // (v2) and v1's huge "unlimited" number read as no tighter than physical memory.
-  Group group;
-  if (!FindMemoryGroup(group)) return usable;
-  for (std::string folder = group.folder;; folder.erase(folder.rfind('/'))) {
-    std::ifstream file(folder + group.limitFile);
-    std::string value;
-    if (file >> value && value != "max") {
+  const std::optional<Group> group = MemoryGroup();
+  if (!group) return usable;
+  for (std::string folder = group->folder;; folder.erase(folder.rfind('/'))) {
+    const std::string value = ReadSmall(folder + group->limitFile);
+    if (!value.empty() && !value.starts_with("max")) {
       const std::uint64_t limit = std::strtoull(value.c_str(), nullptr, 10);
       if (limit > 0) usable = usable == 0 ? limit : std::min(usable, limit);
     }
-    if (folder.size() <= group.mount.size() || folder.rfind('/') == std::string::npos) break;
+    if (folder.size() <= group->mount.size() || folder.rfind('/') == std::string::npos) break;
   }
   return usable;
 }
