@@ -1,0 +1,71 @@
+// The client library against a broken or hostile server: the server's whole answer is written
+// beforehand on the in-memory machine, then the client asks.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+#include "client/print_client.h"
+#include "client/spool_client.h"
+#include "memory/served.h"
+#include "toolkit/toolkit.h"
+
+namespace kvt {
+namespace {
+
+using namespace client;
+using test::Le32;
+
+TEST(Client, BrokenAnswersAreRefusedWithTheirReason) {
+  std::string error;
+  const std::tuple<std::string, std::function<bool(Connection&)>, std::string> rows[] = {
+      {Le32(1249) + std::string(1249, 'r'), [&](Connection& c) { return !!ListJobRecords(c, &error); },
+       "the server announced 1249 bytes, which is no whole number of job records"},
+      {Le32(2496) + std::string(1248, 'r'), [&](Connection& c) { return !!ListJobRecords(c, &error); },
+       "the server closed the connection after 1248 of 2496 bytes"},
+      {"L" + Le32((256u << 20) + 1), [&](Connection& c) {
+         return !!GetStoredList(c, StoredList::kPrinters, &error); },
+       "the server announced a list of 268435457 bytes"},
+      {"L" + Le32(5) + "abc", [&](Connection& c) {
+         return !!GetStoredList(c, StoredList::kScanners, &error); },
+       "the server closed the connection after 3 of 5 bytes"},
+      {Le32(1) + Le32(3) + "ab", [&](Connection& c) {
+         return !!c.GetGamut("F", "G", [](const char*, std::size_t) { return true; }); }, ""},
+  };
+  for (const auto& [answers, call, reason] : rows) {
+    SCOPED_TRACE(reason);
+    memory::Reset();
+    const memory::Pair pair = memory::Connect();
+    memory::Write(pair.server, "\x01" + answers, true);
+    memory::OfferConnection(pair.client);
+    Connection c;
+    ASSERT_TRUE(c.Connect("memhost") && c.Open()) << c.error();
+    error.clear();
+    EXPECT_FALSE(call(c));
+    EXPECT_EQ(error.empty() ? c.error() : error,
+              reason.empty() ? "the server closed the connection after 2 of 3 bytes" : reason);
+  }
+}
+
+// A body that ends before its announced length is stored nowhere: the connection is closed.
+TEST(Client, UploadWhoseSourceGivesOutEarlyStoresNothing) {
+  memory::Reset();
+  std::snprintf(SpoolFolder, sizeof SpoolFolder, "/spool");
+  memory::PutFolder("/spool");
+  test::Served s;
+  std::size_t left = 10;
+  std::string error;
+  const auto stored = UploadSpool(s.client, "Part", 100, [&](char* buffer, std::size_t size) {
+    const std::size_t n = std::min(size, left);
+    std::fill_n(buffer, n, 'p');
+    return left -= n, n;
+  }, nullptr, &error);
+  EXPECT_FALSE(stored.has_value());
+  EXPECT_EQ(error, "the data ended after 10 of 100 bytes");
+  EXPECT_FALSE(s.client.IsConnected());
+  s.Leave();
+  EXPECT_EQ(memory::Listing("/spool"), std::vector<std::string>{});
+}
+
+}  // namespace
+}  // namespace kvt
