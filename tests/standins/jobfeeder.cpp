@@ -5,7 +5,8 @@
 // appends its end to "jobfeeder-ends" before it exits.
 // Without KVT_STANDIN_DIR it records nothing.
 // With "-l" it takes the connection from the record on its standard input, sends "JOBFEED\n",
-// echoes one byte from the client and exits.
+// echoes one byte from the client and exits; a record longer than 372 bytes (more waiting
+// behind it) gets no greeting.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -15,8 +16,8 @@
 #include <thread>
 
 #if defined(_WIN32)
-#include <windows.h>
 #include <winsock2.h>
+#include <windows.h>
 #else
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -42,6 +43,9 @@ Socket TakeSocket() {
       return kNone;
   WSADATA data;
   if (WSAStartup(0x0202, &data) != 0) return kNone;
+  DWORD more = 0;
+  if (!PeekNamedPipe(GetStdHandle(STD_INPUT_HANDLE), nullptr, 0, nullptr, &more, nullptr) || more)
+    return kNone;
   return WSASocketA(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, &info, 0, 0);
 }
 void CloseSocket(Socket s) { closesocket(s); }
@@ -68,6 +72,11 @@ Socket TakeSocket() {
           c->cmsg_len == CMSG_LEN(sizeof(int)))
         std::memcpy(&s, CMSG_DATA(c), sizeof s);
     got += static_cast<std::size_t>(n);
+  }
+  char more;
+  if (recv(0, &more, 1, MSG_DONTWAIT) > 0) {
+    close(s);
+    return kNone;
   }
   return s;
 }

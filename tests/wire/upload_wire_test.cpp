@@ -58,6 +58,9 @@ TEST_P(SpoolTest, UploadStoresTheBodyAndStartsJobfeeder) {
     EXPECT_TRUE(ReadFile(server_->Spool() / (as[1].str() + ".spl")) == body);
     EXPECT_TRUE(startedOnce());
   }
+  // kvtctl's listing marks what waits in the spool folder as such.
+  const Outcome listed = RunKvtctl({"jobs"});
+  EXPECT_NE(listed.out.find(" (spool file)"), std::string::npos) << listed.out << listed.err;
 }
 
 TEST_P(SpoolTest, HandoffLetsJobfeederTalkToTheClient) {

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <regex>
+#include <set>
+#include <sstream>
 
 #include "harness.h"
 #include "platform/net.h"
@@ -39,6 +41,19 @@ TEST_P(WireTest, AnyMarkerOpensIgnoredCodesAnswerNothingAndWrongMagicCloses) {
     send(last);
     EXPECT_TRUE(c.ExpectEnd()) << c.error();  // nor for the last
   }
+}
+
+// The listening sockets, as the kernel lists them (Wine's too): on the loopback address and
+// the host's own, never on all addresses at once.
+TEST_P(WireTest, ListensOnItsAddressesNeverOnAll) {
+  std::set<std::string> listening;  // /proc/net/tcp's "address:port" in hex, port 51470
+  std::istringstream table(ReadFile("/proc/net/tcp"));
+  for (std::string slot, local, remote, state, rest; table >> slot >> local >> remote >> state;) {
+    if (state == "0A" && local.ends_with(":C90E")) listening.insert(local);
+    std::getline(table, rest);
+  }
+  EXPECT_EQ(listening.count("0100007F:C90E"), 1u);
+  EXPECT_EQ(listening.count("00000000:C90E"), 0u);
 }
 
 TEST_P(WireTest, ConnectionsLeaveNothingBehind) {
