@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <new>
@@ -43,38 +44,15 @@ std::map<int, OpenFile> readers;
 int nextReader = 3;
 std::size_t writable = SIZE_MAX;
 
-// Whether the path is already in normal form: absolute, no empty, "." or ".." step.
-bool IsNormal(const std::string& path) {
-  if (path.empty() || path[0] != '/') return false;
-  if (path.size() == 1) return true;
-  if (path.back() == '/') return false;
-  for (std::size_t at = 0; at < path.size(); at = path.find('/', at + 1)) {
-    const std::size_t next = std::min(path.find('/', at + 1), path.size());
-    const std::size_t length = next - at - 1;
-    if (length == 0 || (path[at + 1] == '.' && (length == 1 || (length == 2 && path[at + 2] == '.'))))
-      return false;
-    if (next == path.size()) break;
-  }
-  return true;
-}
-
 std::string Normal(const std::string& path) {
-  if (IsNormal(path)) return path;
-  std::vector<std::string> steps;
-  for (std::size_t at = 0; at <= path.size();) {
-    std::size_t end = path.find('/', at);
-    if (end == std::string::npos) end = path.size();
-    const std::string step = path.substr(at, end - at);
-    if (step == "..") {
-      if (!steps.empty()) steps.pop_back();
-    } else if (!step.empty() && step != ".") {
-      steps.push_back(step);
-    }
-    at = end + 1;
-  }
-  std::string normal;
-  for (const std::string& step : steps) normal += "/" + step;
-  return normal.empty() ? "/" : normal;
+  constexpr auto kNone = std::string::npos;  // the common case, quickly: already normal
+  if (path == "/" || (path.starts_with('/') && !path.ends_with('/') && !path.ends_with("/.") &&
+                      !path.ends_with("/..") && path.find("//") == kNone &&
+                      path.find("/./") == kNone && path.find("/../") == kNone))
+    return path;
+  std::string normal = std::filesystem::path("/" + path).lexically_normal().generic_string();
+  if (normal.size() > 1 && normal.back() == '/') normal.pop_back();
+  return normal;
 }
 
 std::string Parent(const std::string& normal) {

@@ -88,9 +88,6 @@ void QueueForAccept(net::Socket serverEnd);
 void FailAccepts(int count, bool exhausted);
 // The host's own name resolves to these addresses (none at first).
 void SetHostAddresses(const std::vector<std::uint32_t>& addresses);
-// Listeners opened, as "a.b.c.d:port", in order; and connections ended by Refuse.
-std::vector<std::string> Listeners();
-int Refused();
 // The client side: the next net::Connect gets this socket (a Pair's client end); without
 // one it fails with "Connection refused".
 void OfferConnection(net::Socket clientEnd);

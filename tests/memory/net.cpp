@@ -37,8 +37,7 @@ std::map<net::Socket, End> ends;
 net::Socket nextSocket = 1000;  // never reused, not even across Reset
 std::deque<net::Socket> acceptQueue, offered;
 std::vector<std::uint32_t> hostAddresses;
-std::vector<std::string> listenerLog;
-int failingAccepts = 0, refused = 0;
+int failingAccepts = 0;
 bool acceptsExhausted = false;
 
 net::Socket NewEnd(End end = {}) {
@@ -72,8 +71,7 @@ void internal::ResetSockets() {
   acceptQueue.clear();
   offered.clear();
   hostAddresses.clear();
-  listenerLog.clear();
-  failingAccepts = refused = 0;
+  failingAccepts = 0;
   acceptsExhausted = false;
 }
 
@@ -142,16 +140,6 @@ void FailAccepts(int count, bool exhausted) {
 void SetHostAddresses(const std::vector<std::uint32_t>& addresses) {
   std::lock_guard guard(lock);
   hostAddresses = addresses;
-}
-
-std::vector<std::string> Listeners() {
-  std::lock_guard guard(lock);
-  return listenerLog;
-}
-
-int Refused() {
-  std::lock_guard guard(lock);
-  return refused;
 }
 
 void OfferConnection(net::Socket clientEnd) {
@@ -229,7 +217,6 @@ Socket OpenListener(const std::uint8_t addr[4], std::uint16_t port, int) {
     if (end.listening == text) return kNoSocket;  // the address is taken
   End end;
   end.listening = text;
-  listenerLog.push_back(text);
   return NewEnd(end);
 }
 
@@ -266,13 +253,7 @@ Socket OpenSpare() {
   return NewEnd();
 }
 
-void Refuse(Socket s) {
-  {
-    std::lock_guard guard(lock);
-    ++refused;
-  }
-  Close(s);
-}
+void Refuse(Socket s) { Close(s); }
 
 std::uint16_t LocalPort(Socket s) {
   std::lock_guard guard(lock);
