@@ -29,7 +29,7 @@ TEST_P(WireTest, AnyMarkerOpensIgnoredCodesAnswerNothingAndWrongMagicCloses) {
   for (const auto& [marker, bytewise, last] : rows) {
     SCOPED_TRACE(std::to_string(marker[0]) + (bytewise ? " byte by byte, " : ", ") + last.substr(0, 3));
     Connection c;
-    auto send = [&](const std::string& bytes) {
+    auto send = [&, bytewise = bytewise](const std::string& bytes) {
       for (std::size_t at = 0, n = bytewise ? 1 : bytes.size(); at < bytes.size(); at += n)
         ASSERT_TRUE(c.SendBytes(bytes.data() + at, n)) << c.error();
     };
