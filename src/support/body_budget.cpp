@@ -20,6 +20,7 @@ std::optional<std::uint64_t> setting;  // the operator's
 std::uint64_t budget = UINT64_MAX;
 std::uint64_t held = 0;
 void (*reclaimKept)() = nullptr;
+int waitMs = kBodyBudgetWaitMs;
 
 // A size like "512M"; false when the text is none.
 bool ParseSize(const char* text, std::uint64_t& size) {
@@ -63,11 +64,15 @@ void SetBodyBudget(const char* text) {
   FollowUsableMemory();
 }
 
+void SetBodyBudgetWait(int milliseconds) {
+  std::lock_guard lock(budgetMutex);
+  waitMs = milliseconds;
+}
+
 bool TakeBodyBytes(std::uint64_t bytes) {
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::milliseconds(kBodyBudgetWaitMs);
   if (bytes >= kBodyBudgetRereadBytes && Following()) FollowUsableMemory();
   std::unique_lock lock(budgetMutex);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMs);
   // After a lowered limit more may be held than the budget allows: nothing fits then.
   auto fits = [&] { return held <= budget && bytes <= budget - held; };
   if (bytes > budget) return false;

@@ -12,6 +12,9 @@ inline constexpr const char* kBodyBudgetVariable = "KVTNETD_BODY_MEMORY";
 
 // How long a request waits for others to give bytes back before it is refused.
 inline constexpr int kBodyBudgetWaitMs = 10000;
+// Changes that wait: a machine that serves one connection at a time (the fuzzer's) has no
+// other request that could give bytes back.
+void SetBodyBudgetWait(int milliseconds);
 
 // A request of this many bytes or more reads the memory the process may use again first: a
 // limit can be lowered while the server runs (systemctl set-property, a tighter group).
@@ -23,7 +26,7 @@ inline constexpr std::uint64_t kBodyBudgetRereadBytes = 1 << 20;
 void SetBodyBudget(const char* setting);
 
 // Takes `bytes` from the budget. When they don't fit, memory kept for reuse is given back
-// first, then the call waits up to kBodyBudgetWaitMs for other requests to end; more than
+// first, then the call waits (kBodyBudgetWaitMs) for other requests to end; more than
 // the whole budget is refused at once. False when the bytes can't be had.
 bool TakeBodyBytes(std::uint64_t bytes);
 void GiveBodyBytes(std::uint64_t bytes);

@@ -17,6 +17,7 @@
 #include "memory/spooler_double.h"
 #include "server/connection.h"
 #include "server/inline_commands.h"
+#include "support/body_budget.h"
 
 namespace {
 
@@ -114,6 +115,7 @@ void MakeMachine(const Setting& s) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   MakeFiles();
+  SetBodyBudgetWait(0);  // connections are served one after the other: nobody gives back
   return 0;
 }
 
