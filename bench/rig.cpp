@@ -18,6 +18,7 @@
 
 #include "client/client.h"
 #include "measure.h"
+#include "platform/launch.h"
 
 extern char** environ;
 
@@ -123,7 +124,8 @@ void Kvtnetd::Stop() {
   pid_ = -1;
 }
 
-RawServer::RawServer(std::uint16_t port, const fs::path& folder) : folder_(folder) {
+RawServer::RawServer(std::uint16_t port, const fs::path& folder, const fs::path& program)
+    : folder_(folder), program_(program) {
   listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   int on = 1;
   ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -202,6 +204,10 @@ void RawServer::Serve(int s) {
           if (body.size() > spare_.size()) body.swap(spare_);
         }
         const std::uint8_t answer = written == length;
+        if (answer && !program_.empty()) {
+          const char* argv[] = {program_.c_str(), nullptr};
+          launch::StartNoWait(argv[0], argv);  // as KVTnetd starts jobfeeder
+        }
         if (!WriteAll(s, &answer, 1)) return;
         break;
       }

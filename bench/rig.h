@@ -27,6 +27,8 @@ class Kvtnetd {
   pid_t pid() const { return pid_; }
   fs::path Spool() const { return root_ / "data" / "Corvina" / "spool"; }
   fs::path Gamut() const { return root_ / "data" / "Corvina" / "gamut"; }
+  // The program a stored upload starts (a copy of /bin/true).
+  fs::path Jobfeeder() const { return root_ / "programs" / "Corvina" / "jobfeeder"; }
   // Writes the pointer file "Velmora/Corvina": `folder`, or by default the folder of the
   // /bin/true stand-in.
   void PointJobfeederAt(const std::string& folder) const;
@@ -41,17 +43,18 @@ class Kvtnetd {
 // KVTnetd's commands: the opening marker and byte, 4 bytes in and 16 out for a job name, a
 // body received whole into a buffer kept warm from upload to upload and written once into
 // `folder`, a gamut file from `folder` sent in 8,192-byte writes, and the end of the
-// connection on code 0.
+// connection on code 0. With a `program`, a stored upload also starts it before the answer,
+// through the same launcher as KVTnetd's jobfeeder.
 class RawServer {
  public:
-  RawServer(std::uint16_t port, const fs::path& folder);
+  RawServer(std::uint16_t port, const fs::path& folder, const fs::path& program = {});
   ~RawServer();
   bool listening() const { return listener_ >= 0; }
 
  private:
   void Serve(int socket);
   int listener_ = -1;
-  fs::path folder_;
+  fs::path folder_, program_;
   std::thread acceptor_;
   std::atomic<int> live_{0};
   std::mutex spareMutex_;

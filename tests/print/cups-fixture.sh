@@ -59,9 +59,11 @@ FileDevice Yes
 SystemGroup root${KVT_CUPS_STOCK:+ lpadmin}
 CONF
 
+# Every request goes to the access log (one line each): the benchmark counts a listing's.
 cat > "$dir/cupsd.conf" <<CONF
 Listen $socket
 LogLevel warn
+AccessLogLevel all
 Browsing No
 WebInterface No
 CONF

@@ -3,9 +3,13 @@
 // jobs; Wine's winspool lists its queues but keeps jobs of its own (EnumJobsA is a stub), so
 // under Wine no spooler job is ever listed and a reference cancels nothing.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <pwd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <regex>
 #include <set>
@@ -30,17 +34,125 @@ std::string Jobs(Connection& c) {
 }
 
 // The test run's scheduler (set by ctest).
-const std::string kCups = std::getenv("CUPS_SERVER") ? std::getenv("CUPS_SERVER") : "";
+const std::string kCups = std::getenv("CUPS_SERVER") ? std::getenv("CUPS_SERVER") : "/none/cups";
 
-// A server without a spooler: no printer, no spooler job; the listing has the spool files.
+// The test run's scheduler behind a socket of the test's own, one connection at a time: it
+// counts the requests it passes on, and past `limit` it has gone away (it ends the
+// connection at the next request).
+struct Relay {
+  static fs::path Path() { return fs::path(kCups).replace_filename("relay.sock"); }
+  // A Unix-domain socket at `path`: listening (use ::bind), or connected (use ::connect).
+  static int Socket(const fs::path& path, int (*use)(int, const sockaddr*, socklen_t)) {
+    sockaddr_un address{AF_UNIX, {}};
+    path.string().copy(address.sun_path, sizeof address.sun_path - 1);
+    const int s = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(use(s, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0) << path;
+    return use != ::bind || ::listen(s, 4) == 0 ? s : -1;
+  }
+  ~Relay() {
+    limit = -1;
+    ::close(Socket(Path(), ::connect));  // the last accept
+    thread.join();
+  }
+  void Run() {
+    for (int client; limit >= 0 && (client = ::accept(listener, nullptr, nullptr)) >= 0;
+         ::close(client)) {
+      pollfd ends[] = {{client, POLLIN, 0}, {Socket(kCups, ::connect), POLLIN, 0}};
+      for (char data[65536]; ::poll(ends, 2, -1) > 0;) {
+        const int from = ends[0].revents != 0 ? 0 : 1;  // each request begins a piece
+        const ssize_t n = ::read(ends[from].fd, data, sizeof data);
+        const bool request = n > 0 && from == 0 && std::string_view(data, n).starts_with("POST ");
+        if (n <= 0 || (request && ++requests > limit) || ::write(ends[1 - from].fd, data, n) != n)
+          break;
+      }
+      ::close(ends[1].fd);
+    }
+    ::close(listener);
+  }
+  std::atomic<int> requests{0}, limit{1 << 30};
+  const int listener = (fs::remove(Path()), Socket(Path(), ::bind));
+  std::thread thread{[this] { Run(); }};
+};
+
+// A server whose scheduler is behind the relay: without one running, there is no printer
+// and no spooler job, and the listing has the spool files.
 class InlineTest : public ServerSuite {
  protected:
   void SetUp() override {
-    ::setenv("CUPS_SERVER", "/nonexistent/cups.sock", 1);  // the server takes it at its start
+    ::setenv("CUPS_SERVER", Relay::Path().c_str(), 1);  // the server takes it at its start
     ServerSuite::SetUp();
     ::setenv("CUPS_SERVER", kCups.c_str(), 1);
   }
 };
+
+std::string Shell(const std::string& command) {
+  std::string out;
+  std::FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
+  for (char buffer[256]; pipe != nullptr && std::fgets(buffer, sizeof buffer, pipe);) out += buffer;
+  if (pipe != nullptr) ::pclose(pipe);
+  return out;
+}
+
+const std::string kUser = ::getpwuid(::geteuid())->pw_name;
+
+// Submits a held job; its number ("" with a failed expectation when lp refuses).
+std::string Hold(const std::string& queue, const std::string& title) {
+  const std::string out = Shell("echo x | lp -H hold -d " + queue + " -t '" + title + "'");
+  std::smatch id;
+  EXPECT_TRUE(std::regex_search(out, id, std::regex(queue + "-([0-9]+)"))) << out;
+  return id.empty() ? "" : id[1].str();
+}
+
+// A held job as the Linux server lists it (held is paused: "stopped"), and the listing's
+// records in that form.
+std::string HeldJob(const std::string& queue, std::size_t printer, const std::string& id,
+                    const std::string& title) {
+  return queue + " *" + std::to_string(printer) + "-" + id + " " + title + " " + kUser +
+         " LOCALHOST 11 stopped";
+}
+std::vector<std::string> Listed(Connection& c) {
+  std::vector<std::string> jobs;
+  const std::string records = Jobs(c);
+  for (std::size_t at = 0; at < records.size(); at += client::kJobRecordSize) {
+    client::JobEntry j = client::ParseJobRecord(std::string_view(records).substr(at));
+    jobs.push_back(j.printerName + " " + j.jobName + " " + j.document + " " + j.userName + " " +
+                   j.machineName + " " + std::to_string(j.statusCode) + " " + j.statusText);
+  }
+  return jobs;
+}
+
+// One listing asks the scheduler twice, whatever the number of printers: the printer list
+// and every queue's jobs. Its edges: printers without jobs, a printer gone with its job, the
+// scheduler gone between the two requests.
+class SnapshotTest : public InlineTest {};  // the Linux server only: Wine lists no jobs
+
+TEST_P(SnapshotTest, OnePerListing) {
+  if (!fs::exists(kCups)) GTEST_SKIP() << "no scheduler at " << kCups;
+  Relay relay;
+  // 20 queues more, KvtMany00 to 19, every sixth with a held job. A connection's printers
+  // come in the scheduler's order: these first, then KvtProofA and KvtProofB (no jobs).
+  std::vector<std::string> expected;
+  Shell("for q in $(seq -w 0 19); do lpadmin -p KvtMany$q -E -v file:///dev/null; done");
+  for (const std::string queue : {"KvtMany01", "KvtMany07", "KvtMany13", "KvtMany19"})
+    expected.push_back(HeldJob(queue, std::stoul(queue.substr(7)), Hold(queue, "Job"), "Job"));
+  Connection c = Opened();
+  EXPECT_EQ(Listed(c), expected);  // the first listing makes the printer table too
+  // A printer gone: KvtMany19, with its job.
+  Shell("lpadmin -x KvtMany19");
+  expected.pop_back();
+  EXPECT_EQ(Listed(c), expected);
+  EXPECT_EQ(relay.requests, 4);  // two a listing, whatever the number of printers
+  // The scheduler goes away between the printer list and the jobs, on a new connection
+  // whose printer table that one answer makes: no job is listed. Once it is back, all are.
+  c = Opened();  // the old connection's line to the relay goes with it
+  relay.limit = relay.requests + 1;
+  EXPECT_EQ(Jobs(c), "");
+  relay.limit = 1 << 30;
+  EXPECT_EQ(Listed(c), expected);
+  Shell("for q in $(seq -w 0 18); do lpadmin -x KvtMany$q; done");
+}
+
+INSTANTIATE_TEST_SUITE_P(Linux, SnapshotTest, ::testing::Values(Kind::kLinux));
 
 TEST_P(InlineTest, SpoolHeadersInNameOrderUpToTheCap) {
   const fs::path spool = server_->Spool();  // empty: no test of this suite leaves a file in it
@@ -116,54 +228,27 @@ TEST_P(InlineTest, CancelAndDeleteThenQuit) {
 INSTANTIATE_TEST_SUITE_P(Linux, InlineTest, ::testing::Values(Kind::kLinux));
 INSTANTIATE_TEST_SUITE_P(Wine, InlineTest, ::testing::Values(Kind::kWine));
 
-std::string Shell(const std::string& command) {
-  std::string out;
-  std::FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-  for (char buffer[256]; pipe != nullptr && std::fgets(buffer, sizeof buffer, pipe);) out += buffer;
-  if (pipe != nullptr) ::pclose(pipe);
-  return out;
-}
-
 class SpoolerTest : public ServerSuite {};
 
 TEST_P(SpoolerTest, HeldCupsJobsAreListedAndCancelled) {
-  if (kCups.empty() || !fs::exists(kCups))  // and why the scheduler is missing
+  if (!fs::exists(kCups))  // and why the scheduler is missing
     GTEST_SKIP() << "no scheduler at '" << kCups << "' "
                  << ReadFile(fs::path(kCups).parent_path() / "unavailable");
   const bool onLinux = GetParam() == Kind::kLinux;
   const auto idle = onLinux ? IdleHoldings(server_->pid()) : std::nullopt;
   ASSERT_EQ(idle.has_value(), onLinux);
   Shell("cancel -a KvtProofA KvtProofB");
-  ScratchFolder scratch;
-  const std::string user = ::getpwuid(::geteuid())->pw_name;
-  // Jobs A1 and A2 on printer 0, B1 on printer 1; as Linux lists them: held is paused.
+  // Jobs A1 and A2 on printer 0, B1 on printer 1.
   const std::string queues[] = {"KvtProofA", "KvtProofA", "KvtProofB"},
                     titles[] = {"Proof A1", "Proof A2", "Proof B1"};
-  const std::string document = scratch.path / "document.txt";
-  WriteFile(document, "nothing to print\n");
   std::string ids[3];
   std::vector<std::string> expected;
   for (int i = 0; i < 3; ++i) {
-    std::smatch id;
-    const std::string out = Shell("lp -H hold -d " + queues[i] + " -t '" + titles[i] + "' " + document);
-    ASSERT_TRUE(std::regex_search(out, id, std::regex(queues[i] + "-([0-9]+)"))) << out;
-    ids[i] = id[1];
-    if (onLinux)
-      expected.push_back(queues[i] + " *" + "001"[i] + "-" + ids[i] + " " + titles[i] + " " + user +
-                         " LOCALHOST 11 stopped");
+    ids[i] = Hold(queues[i], titles[i]);
+    if (onLinux) expected.push_back(HeldJob(queues[i], i / 2u, ids[i], titles[i]));
   }
-  auto listed = [&](Connection& c) {
-    std::vector<std::string> jobs;
-    const std::string records = Jobs(c);
-    for (std::size_t at = 0; at < records.size(); at += client::kJobRecordSize) {
-      client::JobEntry j = client::ParseJobRecord(std::string_view(records).substr(at));
-      jobs.push_back(j.printerName + " " + j.jobName + " " + j.document + " " + j.userName + " " +
-                     j.machineName + " " + std::to_string(j.statusCode) + " " + j.statusText);
-    }
-    return jobs;
-  };
   Connection c = Opened();
-  EXPECT_EQ(listed(c), expected);
+  EXPECT_EQ(Listed(c), expected);
   // Job numbers are the scheduler's: the reference must name the job's own printer. Job 0
   // and -1 would be "the current job" and "all jobs" to CUPS. Only A2 goes, on Linux.
   for (std::string name : {"*1-" + ids[0], "*0-0"s, "*0--1"s, "*0-" + ids[1]})
@@ -173,17 +258,14 @@ TEST_P(SpoolerTest, HeldCupsJobsAreListedAndCancelled) {
     EXPECT_EQ(queued.find(queues[i] + "-" + ids[i] + " ") != std::string::npos, i != 1 || !onLinux)
         << titles[i] << "\n" << queued;
   if (onLinux) expected.erase(expected.begin() + 1);
-  EXPECT_EQ(listed(c), expected);
+  EXPECT_EQ(Listed(c), expected);
   EXPECT_TRUE(c.SendClose()) << c.error();  // the printers are closed at the teardown
-  Connection again = Opened();
-  EXPECT_EQ(listed(again), expected);
-  if (onLinux) {
+  if (onLinux) {  // each connection's line to the scheduler goes with its thread
     Outcome run = RunKvtctl({"jobs"});
-    const std::string line = "\nKvtProofB +\\*1-" + ids[2] + " +stopped +Proof B1 +" + user;
+    const std::string line = "\nKvtProofB +\\*1-" + ids[2] + " +stopped +Proof B1 +" + kUser;
     EXPECT_TRUE(std::regex_search(run.out, std::regex(line + " +LOCALHOST\n"))) << run.out << run.err;
     run = RunKvtctl({"cancel", "*1-" + ids[2]});
     EXPECT_EQ(run.out, "*1-" + ids[2] + ": answer 0; the job is no longer listed\n");
-    again.Close();  // each connection's line to the scheduler goes with its thread
     ExpectSettled(server_->pid(), *idle);
   }
   Shell("cancel -a KvtProofA KvtProofB");
