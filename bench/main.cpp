@@ -37,6 +37,7 @@
 #include "platform/files.h"
 #include "platform/net.h"
 #include "rig.h"
+#include "support/text.h"
 
 namespace kvt::bench {
 
@@ -372,7 +373,7 @@ void SpoolScan(Context& ctx) {
       FolderEntry* spool = ScanFolder(folder.c_str(), "*.spl", &count, SCAN_SORT_NAME);
       for (int i = 0; i < count; ++i) {
         char path[200];
-        std::snprintf(path, sizeof path, "%s/%s", folder.c_str(), spool[i].name);
+        JoinPath(path, sizeof path, folder.c_str(), spool[i].name);
         files::ReadHead(path, header, sizeof header);
       }
       FreeFolderList(spool);

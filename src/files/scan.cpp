@@ -73,10 +73,13 @@ bool AddMatches(List& list, const char* folder, const char* pattern) {
   search::Handle search = search::Start(path, &match);
   if (search == nullptr) return true;
   bool grown = true;
+  const std::size_t folderLength = std::strlen(folder);
   do {
     if (match.directory || match.name[0] == '.') continue;
-    files::Status status;
-    if (!FormatPath(path, folder, match.name) || !files::GetStatus(path, &status)) continue;
+    // The search has read the file's status; a file whose path "<folder>/<name>" would not
+    // fit is still left out.
+    if (folderLength + 1 + std::strlen(match.name) >= kScanPath || !match.plain) continue;
+    const files::Status& status = match.status;
     FolderEntry& entry = list.entries[list.count++];
     std::memset(entry.name, 0, sizeof entry.name);
     const void* end = std::memchr(match.name, '\0', sizeof entry.name - 1);

@@ -4,11 +4,18 @@
 // letters match either case; no other character is special.
 #pragma once
 
+#include "platform/files.h"
+
 namespace kvt::search {
 
 struct Match {
   char name[260];  // the entry's name, no folder part
   bool directory;  // the entry is a folder
+  // A plain file whose status files::GetStatus would give (below 2 GiB, status readable):
+  // then `status` holds it. Read with the search, where that costs least: POSIX asks
+  // relative to the open folder, not by the whole path again.
+  bool plain;
+  files::Status status;
 };
 
 using Handle = void*;

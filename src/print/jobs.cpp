@@ -149,7 +149,7 @@ Served ListJobs(ConnectionRecord& record) {
     // A file whose path does not fit, that can't be opened (deleted meanwhile) or that is
     // shorter than a header gives no record.
     char path[200];
-    if (!FormatFits(path, sizeof path, "%s/%s", SpoolFolder, spool[i].name)) continue;
+    if (!JoinPath(path, sizeof path, SpoolFolder, spool[i].name)) continue;
     if (files::ReadHead(path, &records[count], sizeof(JobRecord)) == sizeof(JobRecord)) ++count;
   }
 

@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 
 namespace kvt {
 
@@ -21,6 +22,20 @@ inline bool FormatFits(char* out, std::size_t size, const char* format, ...) {
   if (n >= 0 && static_cast<std::size_t>(n) < size) return true;
   out[0] = '\0';
   return false;
+}
+
+// "<folder>/<name>" into a fixed buffer, all or nothing, as FormatFits with "%s/%s" would do
+// it, without the formatted print: for loops over many files.
+inline bool JoinPath(char* out, std::size_t size, const char* folder, const char* name) {
+  const std::size_t folderLength = std::strlen(folder), nameLength = std::strlen(name);
+  if (folderLength + 1 + nameLength >= size) {
+    out[0] = '\0';
+    return false;
+  }
+  std::memcpy(out, folder, folderLength);
+  out[folderLength] = '/';
+  std::memcpy(out + folderLength + 1, name, nameLength + 1);
+  return true;
 }
 
 }  // namespace kvt

@@ -308,8 +308,10 @@ Handle Start(const char* path, Match* first) {
     if (name.size() >= sizeof(Match::name) || !Matches(pattern.c_str(), name.c_str())) continue;
     Match match{};
     std::memcpy(match.name, name.c_str(), name.size() + 1);
+    const std::string path = normal == "/" ? "/" + name : normal + "/" + name;
+    match.plain = files::GetStatus(path.c_str(), &match.status);
     std::lock_guard guard(lock);
-    match.directory = IsFolder(normal == "/" ? "/" + name : normal + "/" + name);
+    match.directory = IsFolder(path);
     search->matches.push_back(match);
   }
   if (search->matches.empty()) {

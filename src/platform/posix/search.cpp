@@ -19,12 +19,15 @@ struct Search {
   const char* pattern;  // within `path`
 };
 
-bool IsDirectory(DIR* folder, const dirent* entry) {
-  if (entry->d_type == DT_DIR) return true;
-  if (entry->d_type != DT_UNKNOWN && entry->d_type != DT_LNK) return false;
-  // The file system does not say, or the entry is a link: ask about what it names.
+// The entry's kind and status as stat gives them (a link counts as what it names).
+void ReadStatus(DIR* folder, const char* name, Match* match) {
   struct stat status;
-  return ::fstatat(::dirfd(folder), entry->d_name, &status, 0) == 0 && S_ISDIR(status.st_mode);
+  const bool read = ::fstatat(::dirfd(folder), name, &status, 0) == 0;
+  match->directory = read && S_ISDIR(status.st_mode);
+  match->plain = read && S_ISREG(status.st_mode) && status.st_size >= 0 &&
+                 status.st_size <= 0x7FFFFFFF;
+  match->status = {static_cast<std::int32_t>(match->plain ? status.st_size : 0),
+                   static_cast<std::uint32_t>(read ? status.st_mtime : 0)};
 }
 
 bool Advance(Search* search, Match* match) {
@@ -33,7 +36,7 @@ bool Advance(Search* search, Match* match) {
     std::size_t length = std::strlen(entry->d_name);
     if (length >= sizeof match->name) continue;  // NAME_MAX is 255: does not happen
     std::memcpy(match->name, entry->d_name, length + 1);
-    match->directory = IsDirectory(search->folder, entry);
+    ReadStatus(search->folder, entry->d_name, match);
     return true;
   }
   return false;
