@@ -152,6 +152,26 @@ TEST_P(SnapshotTest, OnePerListing) {
   Shell("for q in $(seq -w 0 18); do lpadmin -x KvtMany$q; done");
 }
 
+// A job that its backend can't deliver is processing with the backend's own words: its
+// record carries them (status 1) instead of "printing".
+TEST_P(SnapshotTest, ABackendsWordsOnAProcessingJob) {
+  if (!fs::exists(kCups)) GTEST_SKIP() << "no scheduler at " << kCups;
+  Relay relay;  // the suite's server reaches the scheduler through it
+  Shell("lpadmin -p KvtStuck -E -v socket://127.0.0.1:9");  // nothing listens there
+  const std::string out = Shell("echo x | lp -d KvtStuck -t Stuck");
+  std::smatch id;
+  ASSERT_TRUE(std::regex_search(out, id, std::regex("KvtStuck-([0-9]+)"))) << out;
+  const std::regex record("KvtStuck \\*[0-9]+-" + id[1].str() + " Stuck " + kUser +
+                          " LOCALHOST 1 The printer may not exist or is unavailable at this time.");
+  Connection c = Opened();
+  std::vector<std::string> listed;
+  EXPECT_TRUE(WaitUntil([&] {
+    listed = Listed(c);
+    return listed.size() == 1 && std::regex_match(listed[0], record);
+  })) << ::testing::PrintToString(listed);
+  Shell("cancel -a KvtStuck; lpadmin -x KvtStuck");
+}
+
 INSTANTIATE_TEST_SUITE_P(Linux, SnapshotTest, ::testing::Values(Kind::kLinux));
 
 TEST_P(InlineTest, SpoolHeadersInNameOrderUpToTheCap) {
