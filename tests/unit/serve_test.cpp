@@ -1,15 +1,29 @@
-// The spool upload in-process, for what the wire tests can't arrange from outside: a spool
-// folder of a chosen length, or none at all.
+// Commands served on the in-memory machine, for what the wire tests can't arrange from
+// outside: a spool folder of a chosen length or none, a budget of a chosen size, a stored
+// list whose status and bytes disagree.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <string>
 
+#include "client/print_client.h"
 #include "client/spool_client.h"
 #include "memory/served.h"
+#include "support/body_budget.h"
 
 namespace kvt {
 namespace {
+
+std::optional<bool> Upload(client::Connection& c, const std::string& name, std::string body) {
+  std::string error;
+  auto stored = client::UploadSpool(c, name, std::uint32_t(body.size()),
+                                    [&](char* buffer, std::size_t size) {
+                                      const std::size_t n = body.copy(buffer, size);
+                                      return body.erase(0, n), n;
+                                    }, nullptr, &error);
+  EXPECT_TRUE(stored.has_value()) << error;
+  return stored;
+}
 
 // The spool path holds at most 79 characters: a folder of 60, "/", the name, ".spl".
 TEST(Upload, SpoolPathBounds) {
@@ -18,23 +32,45 @@ TEST(Upload, SpoolPathBounds) {
   std::snprintf(SpoolFolder, sizeof SpoolFolder, "%s", padded.c_str());
   memory::PutFolder(padded);
   test::Served s;
-  auto upload = [&](const std::string& name, std::string body) {
-    std::string error;
-    auto stored = client::UploadSpool(s.client, name, std::uint32_t(body.size()),
-                                      [&](char* buffer, std::size_t size) {
-                                        const std::size_t n = body.copy(buffer, size);
-                                        return body.erase(0, n), n;
-                                      }, nullptr, &error);
-    EXPECT_TRUE(stored.has_value()) << error;
-    return stored.value_or(false);
-  };
-  EXPECT_FALSE(upload("123456789012345", "abc"));
-  EXPECT_TRUE(upload("12345678901234", "abc"));
+  EXPECT_EQ(Upload(s.client, "123456789012345", "abc"), false);
+  EXPECT_EQ(Upload(s.client, "12345678901234", "abc"), true);
   EXPECT_EQ(memory::FileContent(padded + "/12345678901234.spl"), "abc");
   SpoolFolder[0] = '\0';  // no spool folder: refused, and nothing stored anywhere
-  EXPECT_FALSE(upload("Empty", ""));
+  EXPECT_EQ(Upload(s.client, "Empty", ""), false);
   s.Leave();
   EXPECT_EQ(memory::Listing(padded), std::vector<std::string>{"12345678901234.spl"});
+}
+
+// A body takes a block of whole 64 KiB steps from the budget: one byte short of two steps
+// fits a budget of two, one byte more does not.
+TEST(Upload, BodyBlocksInStepsOfTheBudget) {
+  memory::Reset();
+  std::snprintf(SpoolFolder, sizeof SpoolFolder, "/spool");
+  memory::PutFolder("/spool");
+  memory::SetUsableMemory(256 << 10);
+  SetBodyBudget(nullptr);  // half: 128 KiB
+  test::Served s;
+  EXPECT_EQ(Upload(s.client, "Fits", std::string((128 << 10) - 1, 'f')), true);
+  EXPECT_EQ(Upload(s.client, "Over", std::string((128 << 10) + 1, 'o')), false);
+  s.Leave();
+  memory::SetUsableMemory(0);
+  SetBodyBudget(nullptr);  // no bound for the other tests
+}
+
+// A stored list's length is its status's, and exactly that many bytes follow: zeros where
+// the file gave fewer, nothing of what it gave more.
+TEST(StoredList, AsLongAsItsStatusSays) {
+  memory::Reset();
+  const std::string list = std::string(memory::kCommonData) + "/Corvina/PrinterList";
+  const std::tuple<std::string, std::int64_t, std::string> rows[] = {
+      {"Abc", 10, "Abc" + std::string(7, '\0')}, {"Abcdef", 3, "Abc"}, {"A", 1, ""}};
+  for (const auto& [content, size, answer] : rows) {
+    memory::PutFile(list, content, 0, size);
+    test::Served s;
+    std::string error;
+    EXPECT_EQ(client::GetStoredList(s.client, client::StoredList::kPrinters, &error), answer)
+        << content << error;
+  }
 }
 
 }  // namespace
