@@ -96,6 +96,7 @@ if [ "$mode" = nspawn ]; then
   systemctl is-active -q kvtnetd || journalctl -b --no-pager -u kvtnetd | tail -n 20
   systemctl --no-pager status kvtnetd | sed -n '1,4p'
   systemd-analyze security kvtnetd 2>/dev/null | tail -n 1
+  systemd-analyze security kvtweb 2>/dev/null | tail -n 1
 else
   # The unit's user, groups and environment, without its sandbox.
   echo "# no systemd: the server runs through setpriv; the sandbox is NOT exercised"
