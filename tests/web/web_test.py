@@ -171,14 +171,6 @@ class Rig:
                                     stdout=subprocess.DEVNULL)
         wait_for("kvtweb to listen", lambda: port_open(WEB_PORT))
 
-    def start_web_old(self, program):
-        """kvtweb 1.0.0 (one server, no --interval) for the slow clients' comparison."""
-        self.web.kill()
-        self.web.wait()
-        self.web = subprocess.Popen([program, "--listen", f"127.0.0.1:{WEB_PORT}"],
-                                    stdout=subprocess.DEVNULL)
-        wait_for("kvtweb 1.0.0 to listen", lambda: port_open(WEB_PORT))
-
     def close(self):
         for p in [self.web, self.server] + self.others:
             if p and p.poll() is None:
@@ -547,14 +539,23 @@ def screenshot(rig):
     from selenium.webdriver.support.ui import WebDriverWait
     from selenium.webdriver.common.by import By
     driver = chrome(1100, 820)
+
+    def shoot(out):
+        height = driver.execute_script("return document.documentElement.scrollHeight")
+        driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+            "width": 1100, "height": height, "deviceScaleFactor": 1, "mobile": False})
+        driver.save_screenshot(out)
     try:
         driver.get(ORIGIN + "/")
         WebDriverWait(driver, DEADLINE).until(
             lambda d: len(d.find_elements(By.CSS_SELECTOR, "button.cancel")) == 3)
-        height = driver.execute_script("return document.documentElement.scrollHeight")
-        driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
-            "width": 1100, "height": height, "deviceScaleFactor": 1, "mobile": False})
-        driver.save_screenshot(rig.args.out)
+        shoot(rig.args.out)
+        # The fleet (OUT-fleet.png): this server, and one that does not answer, on top.
+        rig.start_web(f"127.0.0.1:{SERVER_PORT}", f"127.0.0.1:{free_port()}")
+        driver.get(ORIGIN + "/")
+        WebDriverWait(driver, DEADLINE).until(
+            lambda d: "1 of 2 servers reachable" in d.find_element(By.ID, "fleet-state").text)
+        shoot(rig.args.out.replace(".png", "") + "-fleet.png")
     finally:
         driver.quit()
 
@@ -621,6 +622,12 @@ def timed(path, count=20, source="127.0.0.1"):
 def scale(rig):
     """The figures of docs/performance.md (kvtweb section) and docs/reliability.md."""
     say = lambda text: print(text, flush=True)
+    if rig.args.old_kvtweb:  # first: it can't bind its port while closed connections linger
+        rig.web = subprocess.Popen([rig.args.old_kvtweb], stdout=subprocess.DEVNULL)
+        wait_for("kvtweb 1.0.0 to listen", lambda: port_open(WEB_PORT))
+        say("kvtweb 1.0.0:")
+        slow_clients(rig, say, 40, 0)
+    say("kvtweb:")
     # Listings per minute on a server with 1 and with 20 pages open (each page asks kvtweb for
     # the overview every 3 s, as the page does).
     one = StandIns(1)
@@ -652,38 +659,37 @@ def scale(rig):
         say(f"50 servers, 5 dead: GET {path}: {timed(path)}")
     say(f"50 servers: kvtweb VmRSS/VmHWM {memory_kib(rig.web.pid)} KiB")
 
-    # Slow clients: 200 that trickle their heads, 200 idle keep-alive ones, each from 10
-    # addresses (20 a one, under the cap per address); a page request from another address.
-    for name, program in (("kvtweb", rig.args.kvtweb), ("kvtweb 1.0.0", rig.args.old_kvtweb)):
-        if not program:
-            continue
-        rig.start_web(options=()) if program == rig.args.kvtweb else rig.start_web_old(program)
-        idle_before = memory_kib(rig.web.pid)
-        stop = threading.Event()
-        slow = [trickle(20, stop, f"127.0.0.{10 + i}") for i in range(10)] \
-            if program == rig.args.kvtweb else [trickle(40, stop)]
-        idle = []
-        if program == rig.args.kvtweb:
-            for i in range(200):
-                s = socket.socket()
-                s.bind((f"127.0.0.{20 + i // 20}", 0))
-                s.connect(("127.0.0.1", WEB_PORT))
-                s.sendall(f"GET /app.css HTTP/1.1\r\nHost: 127.0.0.1:{WEB_PORT}\r\n\r\n".encode())
-                s.recv(65536)
-                idle.append(s)
-        time.sleep(3)
-        try:
-            result = timed("/", 10, "127.0.0.99")
-        except OSError as e:
-            result = f"no answer ({e})"
-        say(f"{name}, {len(slow) * (20 if len(slow) == 10 else 40)} slow heads and "
-            f"{len(idle)} idle keep-alive connections: GET /: {result}; VmRSS/VmHWM "
-            f"{idle_before} KiB before, {memory_kib(rig.web.pid)} KiB under them")
-        stop.set()
-        for t in slow:
-            t.join()
-        for s in idle:
-            s.close()
+    slow_clients(rig, say, 200, 200)
+
+
+def slow_clients(rig, say, heads, idle_count):
+    """`heads` connections trickling their request heads and `idle_count` idle kept-alive ones,
+    20 from each of several addresses (under the cap per address); then page requests from
+    yet another address: their times, and kvtweb's memory."""
+    before = memory_kib(rig.web.pid)
+    stop = threading.Event()
+    slow = [trickle(min(20, heads - i), stop, f"127.0.0.{10 + i // 20}")
+            for i in range(0, heads, 20)]
+    idle = []
+    for i in range(idle_count):
+        s = socket.socket()
+        s.bind((f"127.0.0.{50 + i // 20}", 0))
+        s.connect(("127.0.0.1", WEB_PORT))
+        s.sendall(f"GET /app.css HTTP/1.1\r\nHost: 127.0.0.1:{WEB_PORT}\r\n\r\n".encode())
+        s.recv(65536)
+        idle.append(s)
+    time.sleep(3)  # every slow head has sent a few lines
+    try:
+        result = timed("/", 10, "127.0.0.99")
+    except OSError as e:
+        result = f"no answer ({e})"
+    say(f"{heads} slow heads, {idle_count} idle keep-alive connections: GET /: {result}; "
+        f"VmRSS/VmHWM {before} KiB before, {memory_kib(rig.web.pid)} KiB under them")
+    stop.set()
+    for t in slow:
+        t.join()
+    for s in idle:
+        s.close()
 
 
 def main():

@@ -286,12 +286,13 @@ async function refresh() {
   timer = setTimeout(refresh, refreshMs);
 }
 
-// "42 s", "5 min", "2 h 5 min": how long ago, or how long a file waits.
+// "42 s", "5 min", "2 h 5 min", "3 d 4 h": how long ago, or how long a file waits.
 function age(seconds) {
   if (seconds == null) return '—';
   if (seconds < 60) return `${seconds} s`;
   if (seconds < 3600) return `${Math.floor(seconds / 60)} min`;
-  return `${Math.floor(seconds / 3600)} h ${Math.floor(seconds % 3600 / 60)} min`;
+  if (seconds < 86400) return `${Math.floor(seconds / 3600)} h ${Math.floor(seconds % 3600 / 60)} min`;
+  return `${Math.floor(seconds / 86400)} d ${Math.floor(seconds % 86400 / 3600)} h`;
 }
 
 let fleetNotice = '';

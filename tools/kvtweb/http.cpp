@@ -3,6 +3,8 @@
 #include <microhttpd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
@@ -116,7 +118,7 @@ struct Request {
   std::map<std::string, std::string> form;
   MHD_PostProcessor* post = nullptr;
   std::size_t bodyBytes = 0;
-  bool waiting = false, done = false;
+  bool waiting = false, done = false, delivered = false;
   Answer answer;
   ~Request() {
     if (post != nullptr) MHD_destroy_post_processor(post);
@@ -138,6 +140,9 @@ struct Web::Impl {
   std::set<std::string> hosts;
   MHD_Daemon* daemon = nullptr;
   std::unique_ptr<Workers> workers;
+  // The library must not be stopped while a request is suspended: the end waits for these.
+  std::atomic<int> suspended{0};
+  std::atomic<bool> stopping{false};
 
   Impl(const WebOptions& o, Fleet& f) : options(o), fleet(f) {
     const std::string port = ":" + std::to_string(o.listenPort);
@@ -259,8 +264,8 @@ struct Web::Impl {
       return JsonAnswer(200, OverviewDocument(*view, fleet.intervalMs(), fleet.timeoutMs()));
     if (ping) return JsonAnswer(view->reachable() ? 200 : 502,
                                 PingDocument(*view, fleet.timeoutMs()));
-    if (!view->reachable()) return JsonAnswer(502, PingDocument(*view, fleet.timeoutMs())
-                                                       .value("error", Json("unreachable")));
+    if (!view->reachable())
+      return ErrorAnswer(502, PingDocument(*view, fleet.timeoutMs()).value("error", ""));
     return JsonAnswer(200, JobsDocument(*view));
   }
 
@@ -357,14 +362,20 @@ struct Web::Impl {
       *uploadSize = 0;
       return MHD_YES;
     }
-    if (r->done) return Send(c, r->answer);
+    if (r->done) {
+      r->delivered = true;
+      --suspended;
+      return Send(c, r->answer);
+    }
     if (r->waiting) return MHD_YES;
     if (r->bodyBytes > kMaxBody)
       return Send(c, ErrorAnswer(413, "the body is over " + std::to_string(kMaxBody) + " bytes"));
     if (const std::optional<Answer> answer = Route(c, *r)) return Send(c, *answer);
     auto work = Work(c, *r);
     if (const Answer* refused = std::get_if<Answer>(&work)) return Send(c, *refused);
+    if (stopping) return Send(c, ErrorAnswer(503, "kvtweb is stopping"));
     r->waiting = true;
+    ++suspended;
     MHD_suspend_connection(c);
     const bool queued = workers->Add([c, r, task = std::get<std::function<Answer()>>(work)] {
       r->answer = task();
@@ -383,8 +394,15 @@ struct Web::Impl {
 Web::Web(const WebOptions& options, Fleet& fleet) : impl_(new Impl(options, fleet)) {}
 
 Web::~Web() {
-  impl_->workers.reset();  // every suspended request is resumed by then
-  if (impl_->daemon != nullptr) MHD_stop_daemon(impl_->daemon);
+  if (impl_->daemon == nullptr) return;
+  const MHD_socket listener = MHD_quiesce_daemon(impl_->daemon);  // no new connections
+  if (listener != MHD_INVALID_SOCKET) kvt::net::Close(static_cast<kvt::net::Socket>(listener));
+  impl_->stopping = true;             // no new work for the workers
+  impl_->workers.reset();             // the work there is done, its requests resumed
+  // Resumed requests are answered on the event loop; wait (briefly) until they are.
+  for (int i = 0; i < 200 && impl_->suspended > 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  MHD_stop_daemon(impl_->daemon);
 }
 
 bool Web::Start(std::string* error) {
@@ -405,8 +423,10 @@ bool Web::Start(std::string* error) {
                    const char*, const char* upload, size_t* uploadSize, void** context) {
     return static_cast<Impl*>(cls)->Handle(c, url, method, upload, uploadSize, context);
   };
-  auto completed = [](void*, MHD_Connection*, void** context, MHD_RequestTerminationCode) {
-    delete static_cast<Request*>(*context);
+  auto completed = [](void* cls, MHD_Connection*, void** context, MHD_RequestTerminationCode) {
+    auto* r = static_cast<Request*>(*context);
+    if (r != nullptr && r->waiting && !r->delivered) --static_cast<Impl*>(cls)->suspended;
+    delete r;
     *context = nullptr;
   };
   impl_->daemon = MHD_start_daemon(
@@ -415,7 +435,7 @@ bool Web::Start(std::string* error) {
       MHD_OPTION_CONNECTION_LIMIT, kMaxConnections, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
       kMaxPerAddress, MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
       MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory, MHD_OPTION_NOTIFY_COMPLETED,
-      +completed, nullptr, MHD_OPTION_END);
+      +completed, impl_.get(), MHD_OPTION_END);
   if (impl_->daemon == nullptr) {
     kvt::net::Close(listener);
     *error = "the HTTP library did not start";
