@@ -160,15 +160,19 @@ class Rig:
         return re.search(rf"-{job_id}\s", out) is not None
 
     def start_web(self, *servers, options=(), program=None):
-        """kvtweb watching `servers` (default: the one real server), polling every second."""
+        """kvtweb watching `servers` (default: the one real server, unless `options` name a
+        servers file), polling every second; its standard error goes to WORK/kvtweb.err."""
         if self.web and self.web.poll() is None:
             self.web.kill()
             self.web.wait()
         argv = self.wine + [program or self.args.kvtweb, "--listen", f"127.0.0.1:{WEB_PORT}"]
-        for server in servers or (f"127.0.0.1:{SERVER_PORT}",):
+        if not servers and "--servers" not in options:
+            servers = (f"127.0.0.1:{SERVER_PORT}",)
+        for server in servers:
             argv += ["--server", server]
-        self.web = subprocess.Popen(argv + ["--interval", "1"] + list(options),
-                                    stdout=subprocess.DEVNULL)
+        with open(os.path.join(self.work, "kvtweb.err"), "w") as err:
+            self.web = subprocess.Popen(argv + ["--interval", "1"] + list(options),
+                                        stdout=subprocess.DEVNULL, stderr=err)
         wait_for("kvtweb to listen", lambda: port_open(WEB_PORT))
 
     def close(self):
@@ -448,9 +452,54 @@ def requests(rig):
     status, data = request("GET", "/api/jobs")
     assert status == 200 and data.count(b'"name":"17800000000000') == 2, (status, data[:200])
     assert rig.web.poll() is None, "kvtweb ended"
+    failures += servers_file(rig)
     if failures:
         raise AssertionError("\n".join(failures))
     print(f"{len(cases) + len(raw_cases)} requests answered as expected")
+
+
+def servers_file(rig):
+    """The servers file: refused with its line when wrong, read again on SIGHUP (a wrong file
+    then keeps the servers as they were). Failures, as texts."""
+    failures, path = [], os.path.join(rig.work, "servers")
+
+    def write(text):
+        with open(path, "w") as f:
+            f.write(text)
+
+    def fleet():
+        return [(s["server"], s["label"]) for s in json.loads(request("GET", "/api/fleet")[1])
+                ["servers"]]
+    for text, message in (("127.0.0.1:99999\n", "line 1: not HOST[:PORT]"),
+                          ("# a comment\n127.0.0.1\n127.0.0.1:51470 again\n",
+                           "line 3: 127.0.0.1:51470 is listed twice"),
+                          ("# nothing but a comment\n\n", "no server listed"),
+                          ("127.0.0.1 a\x01b\n", "line 1: the label holds a control character")):
+        write(text)
+        done = subprocess.run([rig.args.kvtweb, "--servers", path, "--listen", "127.0.0.1:1"],
+                              capture_output=True, text=True, timeout=DEADLINE)
+        if done.returncode != 1 or message not in done.stderr:
+            failures.append(f"servers file {text!r}: exit {done.returncode}, {done.stderr!r}")
+    write(f"127.0.0.1:{SERVER_PORT}   proof room  # this machine\n")
+    rig.start_web(options=("--servers", path))
+    listed = [(f"127.0.0.1:{SERVER_PORT}", "proof room")]
+    if fleet() != listed:
+        failures.append(f"--servers: {fleet()}")
+    write("[::1]:51471 large format\n")
+    rig.web.send_signal(signal.SIGHUP)
+    listed = [("[::1]:51471", "large format")]  # the file's servers replace the others
+    try:
+        wait_for("the file read again", lambda: fleet() == listed)
+    except AssertionError:
+        failures.append(f"after SIGHUP: {fleet()}")
+    write("nonsense:\n")
+    rig.web.send_signal(signal.SIGHUP)
+    log = os.path.join(rig.work, "kvtweb.err")
+    wait_for("the wrong file reported",
+             lambda: "still watching the servers as before" in open(log).read())
+    if fleet() != listed:
+        failures.append(f"after SIGHUP with a wrong file: {fleet()}")
+    return failures
 
 
 RULES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "packaging",
@@ -471,7 +520,8 @@ def monitoring(rig):
              lambda: request("GET", "/metrics")[1].count(b"kvtnetd_up{") == 2)
 
     # promtool: the scrape and the packaged alert rules.
-    for what, argv, data in (("metrics", [promtool, "check", "metrics"], request("GET", "/metrics")[1]),
+    scrape = request("GET", "/metrics")[1]
+    for what, argv, data in (("metrics", [promtool, "check", "metrics"], scrape),
                              ("rules", [promtool, "check", "rules", RULES], None)):
         done = subprocess.run(argv, input=data, capture_output=True, timeout=DEADLINE)
         assert done.returncode == 0, f"promtool check {what}: {done.stdout!r} {done.stderr!r}"
