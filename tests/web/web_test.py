@@ -374,6 +374,7 @@ def trickle(count, stop, source="127.0.0.1"):
 def requests(rig):
     rig.start_server()
     rig.start_web()
+    wait_for("the first poll", lambda: request("GET", "/api/ping")[0] == 200)
     status, page = request("GET", "/")
     assert status == 200, status
     token = re.search(rb'name="kvt-token" content="([0-9a-f]+)"', page).group(1).decode()

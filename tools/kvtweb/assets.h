@@ -99,11 +99,10 @@ label { font-weight: 600; margin-right: .5rem; }
 .stale-badge { display: inline-block; background: #fff4d6; color: #5c4300; border: 1px solid #b58900;
   padding: .2rem .6rem; font-weight: 600; }
 tr.problem td:first-child { border-left: .35rem solid var(--bad); }
-tr.stale { background: repeating-linear-gradient(135deg, #fff, #fff 12px, #f6f6f6 12px, #f6f6f6 24px); }
-.tag { display: inline-block; font-size: .85rem; font-weight: 600; padding: 0 .4rem; margin-left: .3rem;
-  border-radius: .2rem; background: #fff4d6; color: #5c4300; border: 1px solid #b58900; }
+.tag { display: inline-block; font-size: .85rem; font-weight: 600; padding: 0 .4rem;
+  margin-left: .3rem; border-radius: .2rem; background: #fff4d6; color: #5c4300; border: 1px solid #b58900; }
 .tag.bad { background: var(--bad-bg); color: var(--bad); border-color: var(--bad); }
-#data.stale table { background: repeating-linear-gradient(135deg, #fff, #fff 12px, #f6f6f6 12px, #f6f6f6 24px); }
+tr.stale, #data.stale table { background: repeating-linear-gradient(135deg, #fff, #fff 12px, #f6f6f6 12px, #f6f6f6 24px); }
 .hint { color: var(--muted); font-size: .9rem; }
 @media (max-width: 40rem) {
   table, thead, tbody, tr, th, td, caption { display: block; }
@@ -120,7 +119,8 @@ const token = document.querySelector('meta[name="kvt-token"]').content;
 const $ = (id) => document.getElementById(id);
 // The server this page shows (?server=HOST:PORT); none: kvtweb's only or first server.
 const serverParam = new URLSearchParams(location.search).get('server');
-const withServer = (path) => serverParam ? `${path}${path.includes('?') ? '&' : '?'}server=${encodeURIComponent(serverParam)}` : path;
+const withServer = (path) => (serverParam
+  ? `${path}${path.includes('?') ? '&' : '?'}server=${encodeURIComponent(serverParam)}` : path);
 let refreshMs = 3000;
 
 function el(tag, attrs, ...children) {
@@ -291,7 +291,8 @@ function age(seconds) {
   if (seconds == null) return '—';
   if (seconds < 60) return `${seconds} s`;
   if (seconds < 3600) return `${Math.floor(seconds / 60)} min`;
-  if (seconds < 86400) return `${Math.floor(seconds / 3600)} h ${Math.floor(seconds % 3600 / 60)} min`;
+  const hours = Math.floor(seconds / 3600);
+  if (seconds < 86400) return `${hours} h ${Math.floor(seconds % 3600 / 60)} min`;
   return `${Math.floor(seconds / 86400)} d ${Math.floor(seconds % 86400 / 3600)} h`;
 }
 
@@ -310,7 +311,7 @@ async function refreshFleet() {
     const rows = d.servers.map((s) => {
       const link = el('a', { href: `/server?server=${encodeURIComponent(s.server)}`,
         'data-server': s.server, text: s.label ? `${s.label} (${s.server})` : s.server });
-      const state = el('span', { text: s.reachable ? 'reachable' : `unreachable: ${s.error || 'no answer yet'}` });
+      const state = el('span', { text: s.reachable ? 'reachable' : `unreachable: ${s.error}` });
       const cell = el('span', {}, state);
       if (s.stale) cell.append(el('span', { class: 'tag', text: 'stale' }));
       for (const p of s.problems.filter((p) => p !== 'unreachable'))
@@ -334,7 +335,8 @@ async function refreshFleet() {
     $('fleet-state').textContent = `${d.servers.length - down.length} of ${d.servers.length} ` +
       `servers reachable. Updated ${clock()}, every ${refreshMs / 1000} s.`;
     // Set only when it changes: an alert that is rewritten is read out again.
-    const notice = down.length ? `Cannot reach ${down.map((s) => s.label || s.server).join(', ')}.` : '';
+    const names = down.map((s) => s.label || s.server).join(', ');
+    const notice = down.length ? `Cannot reach ${names}.` : '';
     if (notice !== fleetNotice) {
       fleetNotice = notice;
       $('fleet-notice').textContent = notice;

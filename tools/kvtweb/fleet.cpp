@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <sstream>
+#include <system_error>
 
 #include "client/client.h"
 #include "client/listing_json.h"
@@ -130,6 +131,27 @@ std::shared_ptr<const PollResult> Poll(const ServerSpec& spec, const PollResult&
   return next;
 }
 
+// A watcher's thread: a poll, then a wait for the rest of the interval (or a call to poll
+// again now), until it is told to stop.
+void Run(std::shared_ptr<Fleet::Watcher> watcher, std::chrono::milliseconds interval,
+         int timeoutMs) {
+  std::unique_lock<std::mutex> own(watcher->mutex);
+  while (!watcher->stop) {
+    const Clock::time_point start = Clock::now();
+    watcher->pollStarted = start;
+    const ServerSpec spec = watcher->spec;
+    const std::shared_ptr<const PollResult> before = watcher->result;
+    own.unlock();
+    std::shared_ptr<const PollResult> after = Poll(spec, *before, timeoutMs);
+    own.lock();
+    watcher->result = std::move(after);
+    watcher->pollStarted.reset();
+    watcher->wake.wait_until(own, start + interval,
+                             [&] { return watcher->stop || watcher->soon; });
+    watcher->soon = false;
+  }
+}
+
 }  // namespace
 
 void Fleet::Watch(const std::vector<ServerSpec>& servers) {
@@ -138,7 +160,7 @@ void Fleet::Watch(const std::vector<ServerSpec>& servers) {
   for (const ServerSpec& spec : servers) {
     std::shared_ptr<Watcher> watcher;
     for (const auto& known : watchers_)
-      if (known->spec.address() == spec.address()) watcher = known;
+      if (known->spec.address() == spec.address() && !known->stop) watcher = known;
     if (watcher) {
       std::lock_guard<std::mutex> own(watcher->mutex);
       watcher->spec.label = spec.label;
@@ -147,24 +169,15 @@ void Fleet::Watch(const std::vector<ServerSpec>& servers) {
       watcher->spec = spec;
       // Detached, holding its watcher: a poll stuck in a connection attempt (which has no
       // time-out of its own) never holds up a reload or the end of the program.
-      std::thread([watcher, interval = std::chrono::milliseconds(intervalMs_),
-                   timeoutMs = timeoutMs_] {
-        std::unique_lock<std::mutex> own(watcher->mutex);
-        while (!watcher->stop) {
-          const Clock::time_point start = Clock::now();
-          watcher->pollStarted = start;
-          const ServerSpec spec = watcher->spec;
-          const std::shared_ptr<const PollResult> before = watcher->result;
-          own.unlock();
-          std::shared_ptr<const PollResult> after = Poll(spec, *before, timeoutMs);
-          own.lock();
-          watcher->result = std::move(after);
-          watcher->pollStarted.reset();
-          watcher->wake.wait_until(own, start + interval,
-                                   [&] { return watcher->stop || watcher->soon; });
-          watcher->soon = false;
-        }
-      }).detach();
+      try {
+        std::thread(Run, watcher, std::chrono::milliseconds(intervalMs_), timeoutMs_).detach();
+      } catch (const std::system_error&) {  // out of threads: shown, tried again at a reload
+        auto failed = std::make_shared<PollResult>();
+        failed->polled = true;
+        failed->error = "kvtweb could not start a thread to poll it";
+        watcher->result = std::move(failed);
+        watcher->stop = true;
+      }
     }
     next.push_back(std::move(watcher));
   }

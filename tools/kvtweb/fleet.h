@@ -76,8 +76,9 @@ class Fleet {
   int intervalMs() const { return intervalMs_; }
   int timeoutMs() const { return timeoutMs_; }
 
- private:
   struct Watcher;
+
+ private:
   const int intervalMs_, timeoutMs_;
   mutable std::mutex mutex_;
   std::vector<std::shared_ptr<Watcher>> watchers_;

@@ -252,8 +252,9 @@ struct Web::Impl {
     if (url == "/metrics")
       return Answer{200, "text/plain; version=0.0.4; charset=utf-8",
                     Metrics(fleet.Snapshot(), options.version)};
-    if (url == "/api/fleet") return JsonAnswer(200, FleetDocument(fleet.Snapshot(),
-                                                                   fleet.intervalMs()));
+    if (url == "/api/fleet")
+      return JsonAnswer(200, FleetDocument(fleet.Snapshot(), fleet.intervalMs(),
+                                           fleet.timeoutMs()));
     if (url == "/api/configs") return std::nullopt;
     const bool ping = url == "/api/ping", jobs = url == "/api/jobs",
                overview = url == "/api/overview";

@@ -72,9 +72,16 @@ Summary Summarize(const ServerView& view) {
 
 Json OrNull(bool present, Json value) { return present ? std::move(value) : Json(nullptr); }
 
+// Why the server counts as unreachable; empty when it does not.
+std::string Problem(const ServerView& view, int timeoutMs) {
+  if (view.overdue) return "no answer within " + std::to_string(timeoutMs / 1000) + " s";
+  if (!view.result->polled) return "not polled yet";
+  return view.result->reachable ? std::string() : view.result->error;
+}
+
 }  // namespace
 
-Json FleetDocument(const std::vector<ServerView>& views, int intervalMs) {
+Json FleetDocument(const std::vector<ServerView>& views, int intervalMs, int timeoutMs) {
   const std::int64_t now = std::time(nullptr);
   struct Row {
     int rank;
@@ -88,16 +95,15 @@ Json FleetDocument(const std::vector<ServerView>& views, int intervalMs) {
     const Summary s = Summarize(view);
     const bool reachable = view.reachable();
     std::vector<std::string> problems;
-    if (!reachable) problems.push_back(r.polled || view.overdue ? "unreachable" : "not polled yet");
+    const std::string problem = Problem(view, timeoutMs);
+    if (!reachable) problems.push_back(r.polled || view.overdue ? "unreachable" : problem);
     if (s.inError) problems.push_back("jobs in error");
     Json states = Json::object();
     for (const auto& [state, count] : s.byState) states[state] = count;
     Json row{{"server", view.spec.address()},
              {"label", OrNull(!view.spec.label.empty(), view.spec.label)},
              {"reachable", reachable},
-             {"error", OrNull(!reachable && r.polled, json::Text(view.overdue && r.reachable
-                                                                   ? "no answer in time"
-                                                                   : r.error))},
+             {"error", OrNull(!reachable, json::Text(problem))},
              {"roundTripMs", OrNull(r.lastGoodTime != 0, std::round(r.roundTripMs * 1000) / 1000)},
              {"lastGood", json::Time(r.lastGoodTime)},
              {"lastGoodAgeSeconds", OrNull(r.lastGoodTime != 0, now - r.lastGoodTime)},
@@ -123,11 +129,8 @@ Json FleetDocument(const std::vector<ServerView>& views, int intervalMs) {
 }
 
 Json PingDocument(const ServerView& view, int timeoutMs) {
-  const PollResult& r = *view.result;
-  std::string error = !r.polled ? "not polled yet" : r.error;
-  if (view.overdue) error = "no answer within " + std::to_string(timeoutMs / 1000) + " s";
-  return json::Ping(view.spec.address(), kvt::client::ByteOrder::kLittle, r.roundTripMs,
-                    view.reachable() ? std::string() : error);
+  return json::Ping(view.spec.address(), kvt::client::ByteOrder::kLittle,
+                    view.result->roundTripMs, Problem(view, timeoutMs));
 }
 
 Json JobsDocument(const ServerView& view) {

@@ -14,7 +14,7 @@ namespace kvtweb {
 using Json = kvt::client::json::Json;
 
 // The fleet page's document: one row per server, problems first.
-Json FleetDocument(const std::vector<ServerView>& views, int intervalMs);
+Json FleetDocument(const std::vector<ServerView>& views, int intervalMs, int timeoutMs);
 
 // One server's documents, as `kvtctl --json ping` and `jobs` print them: the last poll's.
 Json PingDocument(const ServerView& view, int timeoutMs);
