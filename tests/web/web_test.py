@@ -464,8 +464,8 @@ def servers_file(rig):
     then keeps the servers as they were). Failures, as texts."""
     failures, path = [], os.path.join(rig.work, "servers")
 
-    def write(text):
-        with open(path, "w") as f:
+    def write(text, encoding="utf-8"):
+        with open(path, "w", encoding=encoding) as f:
             f.write(text)
 
     def fleet():
@@ -481,9 +481,10 @@ def servers_file(rig):
                               capture_output=True, text=True, timeout=DEADLINE)
         if done.returncode != 1 or message not in done.stderr:
             failures.append(f"servers file {text!r}: exit {done.returncode}, {done.stderr!r}")
-    write(f"127.0.0.1:{SERVER_PORT}   proof room  # this machine\n")
+    # A label in a code page, not UTF-8: shown as Latin-1.
+    write(f"127.0.0.1:{SERVER_PORT}   proof r\xe4um  # this machine\n", "latin-1")
     rig.start_web(options=("--servers", path))
-    listed = [(f"127.0.0.1:{SERVER_PORT}", "proof room")]
+    listed = [(f"127.0.0.1:{SERVER_PORT}", "proof r\xe4um")]
     if fleet() != listed:
         failures.append(f"--servers: {fleet()}")
     write("[::1]:51471 large format\n")

@@ -100,8 +100,9 @@ Json FleetDocument(const std::vector<ServerView>& views, int intervalMs, int tim
     if (s.inError) problems.push_back("jobs in error");
     Json states = Json::object();
     for (const auto& [state, count] : s.byState) states[state] = count;
-    Json row{{"server", view.spec.address()},
-             {"label", OrNull(!view.spec.label.empty(), view.spec.label)},
+    // The servers file's bytes need not be UTF-8, which the library insists on.
+    Json row{{"server", json::Text(view.spec.address())},
+             {"label", OrNull(!view.spec.label.empty(), json::Text(view.spec.label))},
              {"reachable", reachable},
              {"error", OrNull(!reachable, json::Text(problem))},
              {"roundTripMs", OrNull(r.lastGoodTime != 0, std::round(r.roundTripMs * 1000) / 1000)},
@@ -140,7 +141,7 @@ Json JobsDocument(const ServerView& view) {
 
 Json OverviewDocument(const ServerView& view, int intervalMs, int timeoutMs) {
   return Json{{"server", PingDocument(view, timeoutMs)},
-              {"label", OrNull(!view.spec.label.empty(), view.spec.label)},
+              {"label", OrNull(!view.spec.label.empty(), json::Text(view.spec.label))},
               {"listing", OrNull(view.result->listing != nullptr, JobsDocument(view))},
               {"stale", !view.reachable()},
               {"lastGood", json::Time(view.result->lastGoodTime)},
@@ -189,8 +190,8 @@ std::string Metrics(const std::vector<ServerView>& views, const std::string& ver
   };
   for (const ServerView& view : views) {
     const PollResult& r = *view.result;
-    std::vector<ClientMetric::Label> server{{"server", view.spec.address()}};
-    if (!view.spec.label.empty()) server.push_back({"label", view.spec.label});
+    std::vector<ClientMetric::Label> server{{"server", Utf8(view.spec.address())}};
+    if (!view.spec.label.empty()) server.push_back({"label", Utf8(view.spec.label)});
     auto with = [&server](std::vector<ClientMetric::Label> more) {
       more.insert(more.begin(), server.begin(), server.end());
       return more;
