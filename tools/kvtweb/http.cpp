@@ -14,6 +14,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <system_error>
 #include <thread>
 #include <variant>
 
@@ -419,7 +420,13 @@ bool Web::Start(std::string* error) {
              std::to_string(impl_->options.listenPort);
     return false;
   }
-  impl_->workers = std::make_unique<Workers>();
+  try {
+    impl_->workers = std::make_unique<Workers>();
+  } catch (const std::system_error&) {
+    kvt::net::Close(listener);
+    *error = "cannot start the worker threads";
+    return false;
+  }
   auto handle = [](void* cls, MHD_Connection* c, const char* url, const char* method,
                    const char*, const char* upload, size_t* uploadSize, void** context) {
     return static_cast<Impl*>(cls)->Handle(c, url, method, upload, uploadSize, context);
