@@ -159,13 +159,13 @@ class Rig:
                              capture_output=True, text=True).stdout
         return re.search(rf"-{job_id}\s", out) is not None
 
-    def start_web(self, *servers, options=(), program=None):
+    def start_web(self, *servers, options=()):
         """kvtweb watching `servers` (default: the one real server, unless `options` name a
         servers file), polling every second; its standard error goes to WORK/kvtweb.err."""
         if self.web and self.web.poll() is None:
             self.web.kill()
             self.web.wait()
-        argv = self.wine + [program or self.args.kvtweb, "--listen", f"127.0.0.1:{WEB_PORT}"]
+        argv = self.wine + [self.args.kvtweb, "--listen", f"127.0.0.1:{WEB_PORT}"]
         if not servers and "--servers" not in options:
             servers = (f"127.0.0.1:{SERVER_PORT}",)
         for server in servers:
