@@ -50,8 +50,20 @@ endfunction()
 
 kvt_install_program(kvtnetd 8 SERVICE)
 kvt_install_program(kvtctl 1)
-if(TARGET kvtweb)  # the status page, where cpp-httplib is at hand
+set(KVT_CONFFILES "")
+if(TARGET kvtweb)  # the status page, where its libraries are at hand
   kvt_install_program(kvtweb 1 SERVICE)
+  # The alert rules for Prometheus, and (Linux) the servers file the unit reads: the
+  # operator's to edit, so a conffile that upgrades leave as it is.
+  if(WIN32)
+    install(FILES ${PROJECT_SOURCE_DIR}/packaging/prometheus/kvtweb-alerts.yml DESTINATION .)
+  else()
+    install(FILES ${PROJECT_SOURCE_DIR}/packaging/prometheus/kvtweb-alerts.yml
+            DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/kvtnetd)
+    install(FILES ${PROJECT_SOURCE_DIR}/packaging/linux/kvtweb.servers DESTINATION /etc/kvtweb
+            RENAME servers)
+    set(KVT_CONFFILES "/etc/kvtweb/servers\n")
+  endif()
 endif()
 
 set(CPACK_PACKAGE_NAME kvtnetd)
@@ -80,6 +92,10 @@ else()
                    ${CMAKE_BINARY_DIR}/debian/${script} @ONLY)
     list(APPEND CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/debian/${script})
   endforeach()
+  if(KVT_CONFFILES)
+    file(WRITE ${CMAKE_BINARY_DIR}/debian/conffiles "${KVT_CONFFILES}")
+    list(APPEND CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/debian/conffiles)
+  endif()
 
   set(CPACK_GENERATOR DEB)
   set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
@@ -100,8 +116,9 @@ files and configuration listings.
 The service runs as its own user in a systemd sandbox that can write only to
 /var/lib/kvtnetd and accepts clients from loopback and private networks only.
 The package also holds kvtctl, the operator's command-line client, and
-kvtweb, a status page for the browser on the loopback address (its own
-sandboxed service, kvtweb.service).")
+kvtweb (its own sandboxed service, kvtweb.service): the status page of the
+servers listed in /etc/kvtweb/servers for the browser on the loopback
+address, and their metrics for Prometheus, with alert rules.")
 endif()
 
 include(CPack)

@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
 # Builds the Linux server and runs it in debug mode on a demo data folder in build/demo:
-# the spool and gamut folders, and a pointer file naming the print program's folder.
+# the spool and gamut folders, and a pointer file naming the print program's folder. kvtweb
+# runs beside it (where it is built), showing the server on http://127.0.0.1:51480/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 cmake --preset linux >/dev/null
 cmake --build --preset linux --target kvtnetd kvtctl
+cmake --build --preset linux --target kvtweb 2>/dev/null || true  # where its libraries are
 
 demo=$PWD/build/demo
 mkdir -p "$demo/ProgramData/Corvina/spool" "$demo/ProgramData/Corvina/gamut" \
@@ -28,8 +30,16 @@ put() { printf '%s' "$2" | dd of="$spool" bs=1 seek="$1" conv=notrunc status=non
 put 1 $'\x0f'; put 2 "poster.pdf"; put 82 "waiting"; put 162 "Demo printer"
 put 922 "178000000000001"; put 958 "ws12"; put 1022 "demo"
 
+web=""
+if [[ -x build/linux/kvtweb ]]; then
+  build/linux/kvtweb --server 127.0.0.1:51470 >"$demo/kvtweb.log" 2>&1 &
+  web=$!
+  trap 'kill $web 2>/dev/null' EXIT
+fi
+
 cat <<TXT
 KVTnetd demo: data folder $demo/ProgramData, log files in $demo.
+${web:+The status page: http://127.0.0.1:51480/ (metrics: http://127.0.0.1:51480/metrics).}
 Talk to it from another terminal, for instance:
   build/linux/kvtctl ping
   build/linux/kvtctl jobs
@@ -39,4 +49,5 @@ Talk to it from another terminal, for instance:
 Stop it with Ctrl-C.
 TXT
 cd "$demo"
-ProgramData="$demo/ProgramData" exec ../linux/kvtnetd -debug
+# Not exec: the trap ends kvtweb when the server stops.
+ProgramData="$demo/ProgramData" ../linux/kvtnetd -debug

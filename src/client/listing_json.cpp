@@ -1,21 +1,14 @@
 #include "client/listing_json.h"
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <mutex>
 
-#include "client/print_client.h"
-
 namespace kvt::client::json {
 
 namespace {
-
-std::string Number(double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.3f", value);
-  return text;
-}
 
 // The length of the well-formed UTF-8 sequence at text[at], or 0.
 std::size_t Utf8Length(std::string_view text, std::size_t at) {
@@ -32,20 +25,14 @@ std::size_t Utf8Length(std::string_view text, std::size_t at) {
 
 }  // namespace
 
-std::string Quote(std::string_view text) {
-  std::string out = "\"";
+// The library refuses bytes that are not UTF-8; the records may hold a code page's.
+Json Text(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
   for (std::size_t at = 0; at < text.size(); ++at) {
-    const char c = text[at];
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte == '"' || byte == '\\') {
-      out += '\\';
-      out += c;
-    } else if (byte < 0x20 || byte == 0x7F) {
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\u%04x", byte);
-      out += escape;
-    } else if (byte < 0x80) {
-      out += c;
+    const auto byte = static_cast<unsigned char>(text[at]);
+    if (byte < 0x80) {
+      out += text[at];
     } else if (const std::size_t length = Utf8Length(text, at)) {  // CUPS gives UTF-8
       out.append(text.substr(at, length));
       at += length - 1;
@@ -54,11 +41,13 @@ std::string Quote(std::string_view text) {
       out += static_cast<char>(0x80 | (byte & 0x3F));
     }
   }
-  return out + "\"";
+  return out;
 }
 
-std::string Time(std::int64_t seconds) {
-  if (seconds == 0) return "null";
+std::string Dump(const Json& document) { return document.dump(); }
+
+Json Time(std::int64_t seconds) {
+  if (seconds == 0) return nullptr;
   const std::time_t time = static_cast<std::time_t>(seconds);
   std::tm local{}, utc{};
   {
@@ -67,7 +56,7 @@ std::string Time(std::int64_t seconds) {
     std::lock_guard<std::mutex> lock(mutex);
     const std::tm* l = std::localtime(&time);
     const std::tm* u = std::gmtime(&time);
-    if (l == nullptr || u == nullptr) return "null";
+    if (l == nullptr || u == nullptr) return nullptr;
     local = *l;
     utc = *u;
   }
@@ -82,7 +71,7 @@ std::string Time(std::int64_t seconds) {
   const std::size_t n = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local);
   std::snprintf(text + n, sizeof text - n, "%c%02ld:%02ld", sign, offset / 3600,
                 offset % 3600 / 60);
-  return "\"" + std::string(text) + "\"";
+  return std::string(text);
 }
 
 std::int64_t TimeOfJobName(std::string_view name) {
@@ -104,58 +93,61 @@ std::string OpenTimed(Connection& connection, const std::string& host, std::uint
   return {};
 }
 
-std::string Ping(const std::string& server, ByteOrder order, double milliseconds,
-                 const std::string& error) {
-  std::string out = "{\"server\":" + Quote(server);
-  if (error.empty())
-    out += ",\"reachable\":true,\"roundTripMs\":" + Number(milliseconds) +
-           ",\"byteOrder\":" + Quote(OrderName(order));
-  else
-    out += ",\"reachable\":false,\"error\":" + Quote(error);
-  return out + ",\"time\":" + Time(std::time(nullptr)) + "}";
-}
-
-namespace {
-
-// One job-listing record as a JSON object: the fields both kinds of record share, then the
-// kind's own.
-std::string Record(const JobEntry& job, bool spool) {
-  std::string out = "{";
-  out += spool ? "\"name\":" + Quote(job.jobName) : "\"reference\":" + Quote(job.jobName);
-  out += ",\"printer\":" + Quote(job.printerName);
-  out += ",\"state\":" + Quote(job.statusText);
-  out += ",\"statusCode\":" + std::to_string(job.statusCode);
-  out += ",\"document\":" + Quote(job.document);
-  out += ",\"owner\":" + Quote(job.userName);
-  out += ",\"machine\":" + Quote(job.machineName);
-  if (spool)
-    out += ",\"size\":null,\"time\":" + Time(TimeOfJobName(job.jobName));
-  else
-    out += ",\"submitted\":null";
-  return out + "}";
-}
-
-}  // namespace
-
-std::string Jobs(std::string_view records) {
-  std::string jobs, spool;
-  for (std::size_t at = 0; at + kJobRecordSize <= records.size(); at += kJobRecordSize) {
-    const JobEntry job = ParseJobRecord(records.substr(at, kJobRecordSize));
-    std::string& list = job.spoolFile() ? spool : jobs;
-    list += (list.empty() ? "" : ",") + Record(job, job.spoolFile());
+Json Ping(const std::string& server, ByteOrder order, double milliseconds,
+          const std::string& error) {
+  Json out{{"server", Text(server)}};
+  if (error.empty()) {
+    out["reachable"] = true;
+    out["roundTripMs"] = std::round(milliseconds * 1000) / 1000;  // to the microsecond
+    out["byteOrder"] = OrderName(order);
+  } else {
+    out["reachable"] = false;
+    out["error"] = Text(error);
   }
-  return "{\"jobs\":[" + jobs + "],\"spoolFiles\":[" + spool + "]}";
+  out["time"] = Time(std::time(nullptr));
+  return out;
 }
 
-std::string Configs(std::string_view folder, const std::vector<ConfigRecord>& records) {
-  std::string out = "{\"folder\":" + Quote(folder) + ",\"configurations\":[";
-  for (std::size_t i = 0; i < records.size(); ++i)
-    out += std::string(i ? "," : "") + "{\"name\":" + Quote(records[i].name()) +
-           ",\"size\":" + std::to_string(records[i].size) +
-           ",\"colourFileTime\":" + Time(records[i].mtime) + "}";
-  return out + "]}";
+std::vector<JobEntry> ParseJobRecords(std::string_view records) {
+  std::vector<JobEntry> entries;
+  for (std::size_t at = 0; at + kJobRecordSize <= records.size(); at += kJobRecordSize)
+    entries.push_back(ParseJobRecord(records.substr(at, kJobRecordSize)));
+  return entries;
 }
 
-std::string Error(std::string_view text) { return "{\"error\":" + Quote(text) + "}"; }
+Json Jobs(const std::vector<JobEntry>& entries) {
+  Json jobs = Json::array(), spool = Json::array();
+  // The fields both kinds of record share, then the kind's own.
+  for (const JobEntry& job : entries) {
+    const bool file = job.spoolFile();
+    Json record{{file ? "name" : "reference", Text(job.jobName)},
+                {"printer", Text(job.printerName)},
+                {"state", Text(job.statusText)},
+                {"statusCode", job.statusCode},
+                {"document", Text(job.document)},
+                {"owner", Text(job.userName)},
+                {"machine", Text(job.machineName)}};
+    if (file) {
+      record["size"] = nullptr;
+      record["time"] = Time(TimeOfJobName(job.jobName));
+      spool.push_back(std::move(record));
+    } else {
+      record["submitted"] = nullptr;
+      jobs.push_back(std::move(record));
+    }
+  }
+  return Json{{"jobs", std::move(jobs)}, {"spoolFiles", std::move(spool)}};
+}
+
+Json Configs(std::string_view folder, const std::vector<ConfigRecord>& records) {
+  Json list = Json::array();
+  for (const ConfigRecord& record : records)
+    list.push_back(Json{{"name", Text(record.name())},
+                        {"size", record.size},
+                        {"colourFileTime", Time(record.mtime)}});
+  return Json{{"folder", Text(folder)}, {"configurations", std::move(list)}};
+}
+
+Json Error(std::string_view text) { return Json{{"error", Text(text)}}; }
 
 }  // namespace kvt::client::json

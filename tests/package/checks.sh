@@ -30,6 +30,13 @@ finish() {
 as() { u=$1; shift; setpriv --reuid="$u" --regid="$u" --clear-groups "$@"; }
 data=/var/lib/kvtnetd
 spool=$data/Corvina/spool
+gamut=$data/Corvina/gamut
+# kvtweb's scrape, through the packaged unit.
+metrics() {
+  python3 -c 'import urllib.request as u; print(u.urlopen("http://127.0.0.1:51480/metrics", timeout=10).read().decode())'
+}
+scraped() { metrics 2>/dev/null | grep -Fq "$1"; }
+main_pid() { systemctl show -P MainPID "$1"; }
 
 echo "# mode: $mode"
 # The scheduler on the system's socket path, where libcups looks without CUPS_SERVER.
@@ -46,8 +53,39 @@ check "the scheduler hides bob's job from alice" \
 # container's policy-rc.d that forbids starting services (the maintainer scripts obey it);
 # the booted copy is a real system, so it goes there.
 [ "$mode" = nspawn ] && rm -f /usr/sbin/policy-rc.d
+old=$(ls "$pkg"/old/kvtnetd_*_amd64.deb 2>/dev/null)
+if [ -n "$old" ]; then
+  # The upgrade: the earlier version installed and running, with a spool and a gamut file.
+  apt-get install -y -q "$old" >/tmp/apt-old.log 2>&1 || { cat /tmp/apt-old.log; bad "apt-get install $old"; finish; }
+  ok "installed first: $(dpkg-query -W -f='${Package} ${Version}' kvtnetd)"
+  install -d -o kvtnetd -g kvtnetd $gamut/Kept
+  echo spool >$spool/178000000000040.spl && echo gamut >$gamut/Kept/Proof.gamut
+  chown kvtnetd:kvtnetd $spool/178000000000040.spl $gamut/Kept/Proof.gamut
+  if [ "$mode" = nspawn ]; then
+    check "the earlier version's units run" wait_for sh -c 'systemctl is-active -q kvtnetd kvtweb'
+    before="$(main_pid kvtnetd) $(main_pid kvtweb)"
+  fi
+fi
 apt-get install -y -q "$pkg"/kvtnetd_*_amd64.deb >/tmp/apt-install.log 2>&1 ||
   { cat /tmp/apt-install.log; bad "apt-get install"; finish; }
+if [ -n "$old" ]; then
+  check "the upgrade kept the spool file" grep -qx spool $spool/178000000000040.spl
+  check "the upgrade kept the gamut file" grep -qx gamut $gamut/Kept/Proof.gamut
+fi
+if [ "$mode" = nspawn ]; then
+  version=$(dpkg-query -W -f='${Version}' kvtnetd)
+  check "kvtweb runs version $version" wait_for scraped "kvtweb_build_info{version=\"$version\"} 1"
+  check "kvtweb sees kvtnetd through the servers file" \
+    wait_for scraped 'kvtnetd_up{server="127.0.0.1:51470",label="this workstation"} 1'
+  if [ -n "$old" ]; then
+    for unit in kvtnetd kvtweb; do
+      pid=$(main_pid $unit)
+      check "$unit restarted with the new program (PID $pid, was one of $before)" sh -c \
+        "systemctl is-active -q $unit && ! echo ' $before ' | grep -q ' $pid ' &&
+         [ \"\$(readlink /proc/$pid/exe)\" = \$(command -v $unit) ]"
+    done
+  fi
+fi
 check "installed: $(dpkg-query -W -f='${Package} ${Version}' kvtnetd)" \
   test "$(dpkg-query -W -f='${Status}' kvtnetd)" = "install ok installed"
 check "kvtctl --version prints $(kvtctl --version)" sh -c 'kvtctl --version | grep -qx "kvtctl [0-9.]*"'
@@ -58,6 +96,7 @@ if [ "$mode" = nspawn ]; then
   systemctl is-active -q kvtnetd || journalctl -b --no-pager -u kvtnetd | tail -n 20
   systemctl --no-pager status kvtnetd | sed -n '1,4p'
   systemd-analyze security kvtnetd 2>/dev/null | tail -n 1
+  systemd-analyze security kvtweb 2>/dev/null | tail -n 1
 else
   # The unit's user, groups and environment, without its sandbox.
   echo "# no systemd: the server runs through setpriv; the sandbox is NOT exercised"
@@ -161,14 +200,25 @@ PY
     bad "address rule"
 fi
 
-# A reinstall (the upgrade path of the scripts) restarts the service.
+# A reinstall (the upgrade path of the scripts) restarts the service and leaves the
+# operator's servers file as edited.
+servers=/etc/kvtweb/servers
+sed -i 's/this workstation/proof room/' $servers
+cp $servers /tmp/servers.edited
 if [ "$mode" = nspawn ]; then
+  systemctl reload kvtweb
+  check "a reload reads the edited servers file" wait_for scraped 'label="proof room"} 1'
   before=$(systemctl show -P MainPID kvtnetd)
   apt-get install --reinstall -y -q "$pkg"/kvtnetd_*_amd64.deb >/tmp/apt-reinstall.log 2>&1 ||
     { cat /tmp/apt-reinstall.log; bad "apt-get install --reinstall"; }
   check "a reinstall restarted the service" wait_for sh -c \
     "systemctl is-active -q kvtnetd && [ \"\$(systemctl show -P MainPID kvtnetd)\" != $before ]"
+  check "after it kvtweb still reads the edited servers file" wait_for scraped 'label="proof room"} 1'
+else
+  apt-get install --reinstall -y -q "$pkg"/kvtnetd_*_amd64.deb >/tmp/apt-reinstall.log 2>&1 ||
+    { cat /tmp/apt-reinstall.log; bad "apt-get install --reinstall"; }
 fi
+check "the reinstall left the edited servers file as it was" cmp -s $servers /tmp/servers.edited
 
 # Removal: the service stops, the package's files go, the data folder stays.
 dpkg -L kvtnetd >/tmp/files.txt
@@ -177,8 +227,9 @@ apt-get remove -y -q kvtnetd >/tmp/apt-remove.log 2>&1 || { cat /tmp/apt-remove.
 [ "$mode" = nspawn ] && check "removal stopped the service" sh -c '! systemctl is-active -q kvtnetd'
 [ "$mode" = chroot ] && wait "$pid"
 check "removal left no server process" sh -c "! kill -0 $pid 2>/dev/null"
-left=$(while read -r f; do [ -d "$f" ] || [ ! -e "$f" ] || echo "$f"; done </tmp/files.txt)
-check "removal left none of the package's files${left:+: $left}" test -z "$left"
+left=$(while read -r f; do [ -d "$f" ] || [ ! -e "$f" ] || [ "$f" = $servers ] || echo "$f"; done </tmp/files.txt)
+check "removal left none of the package's files but the conffile${left:+: $left}" test -z "$left"
+check "removal kept the servers file as edited" cmp -s $servers /tmp/servers.edited
 check "removal left no enablement link" \
   test ! -e /etc/systemd/system/multi-user.target.wants/kvtnetd.service
 check "removal kept the spool file" cmp -s /etc/hostname $spool/178000000000042.spl
@@ -188,6 +239,7 @@ check "package state after removal: $(dpkg-query -W -f='${Status}' kvtnetd)" \
 # Purge: the data folder goes too; the system user stays (Debian keeps system users).
 apt-get purge -y -q kvtnetd >/tmp/apt-purge.log 2>&1 || { cat /tmp/apt-purge.log; bad "apt-get purge"; }
 check "purge removed /var/lib/kvtnetd" test ! -e $data
+check "purge removed the servers file" test ! -e $servers
 check "purge left no trace in dpkg" \
   sh -c '! dpkg-query -W -f="\${Status}" kvtnetd 2>/dev/null | grep -Eq "ok (installed|config-files)"'
 check "the user kvtnetd stays after purge" id kvtnetd

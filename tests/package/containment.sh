@@ -3,8 +3,9 @@
 # throw-away copy of this machine (an overlay over / on a tmpfs, gone when the test ends),
 # boots that copy with systemd as process 1 and a private network (systemd-nspawn), so the
 # real unit runs with every sandbox setting enforced, and runs checks.sh there: the
-# service's work over the wire, what it must not reach, removal and purge.
-#   containment.sh DEB STANDINS    STANDINS: the folder of the built jobfeeder and ShadeProof.exe
+# service's work over the wire, what it must not reach, an upgrade, removal and purge.
+#   containment.sh DEB STANDINS [OLD_DEB]    STANDINS: the folder of the built jobfeeder and
+#   ShadeProof.exe; OLD_DEB: a package of an earlier version, installed first and upgraded
 # Without systemd-nspawn, where it cannot boot the copy, or with KVT_PACKAGE_MODE=chroot,
 # the same copy is entered with chroot in private network and process namespaces, and
 # checks.sh starts the server with the unit's user, groups and environment through setpriv:
@@ -14,7 +15,8 @@ set -eu
 here=$(cd "$(dirname "$0")" && pwd)
 
 if [ "${1:-}" != --inside-namespace ]; then
-  [ $# -eq 2 ] || { echo "usage: $0 DEB STANDINS" >&2; exit 2; }
+  [ $# -eq 2 ] || [ $# -eq 3 ] || { echo "usage: $0 DEB STANDINS [OLD_DEB]" >&2; exit 2; }
+  old=${3:+$(realpath "$3")}
   [ "$(id -u)" = 0 ] || { echo "containment.sh: needs root (mounts, nspawn)" >&2; exit 2; }
   mode=${KVT_PACKAGE_MODE:-nspawn}
   if [ "$mode" = nspawn ] && ! command -v systemd-nspawn >/dev/null 2>&1; then
@@ -28,7 +30,7 @@ if [ "${1:-}" != --inside-namespace ]; then
   # A private mount namespace: the overlay and everything mounted for it vanish with it.
   code=0
   unshare -m --propagation private sh "$0" --inside-namespace "$mode" "$scratch" \
-    "$(realpath "$1")" "$(realpath "$2")" || code=$?
+    "$(realpath "$1")" "$(realpath "$2")" $old || code=$?
   if [ "$mode" = nspawn ] && [ ! -s "$scratch/results/log" ]; then
     echo "containment.sh: systemd-nspawn could not boot the test system:"
     tail -n 20 "$scratch/console.log" 2>/dev/null || true
@@ -49,7 +51,7 @@ if [ "${1:-}" != --inside-namespace ]; then
   exit 0
 fi
 
-mode=$2 scratch=$3 deb=$4 standins=$5
+mode=$2 scratch=$3 deb=$4 standins=$5 old=${6:-}
 mount -t tmpfs -o size=4G,mode=0755 kvt-package "$scratch/overlay"
 cd "$scratch/overlay"
 mkdir upper work root
@@ -61,6 +63,7 @@ root=$PWD/root
 mkdir -p "$root/root/kvt-package" "$root/opt/kvt-standin" "$root/opt/KVT/ShadeProof" \
          "$root/kvt-results"
 cp "$deb" "$here/checks.sh" "$here/../print/cups-fixture.sh" "$root/root/kvt-package/"
+if [ -n "$old" ]; then mkdir "$root/root/kvt-package/old" && cp "$old" "$root/root/kvt-package/old/"; fi
 cp "$standins/jobfeeder" "$root/opt/kvt-standin/jobfeeder.bin"
 cp "$standins/ShadeProof.exe" "$root/opt/kvt-standin/ShadeProof.bin"
 # The stand-ins record their starts in $KVT_STANDIN_DIR, inside the service's data folder.

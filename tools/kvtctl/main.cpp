@@ -66,7 +66,8 @@ int Ping(const Options& options, int argc, char**) {
     if (error.empty() && !connection.SendClose()) error = connection.error();
     if (!error.empty()) return Fail(error);
     const std::string server = options.host + ":" + std::to_string(options.port);
-    std::printf("%s\n", client::json::Ping(server, options.order, ms, {}).c_str());
+    const client::json::Json document = client::json::Ping(server, options.order, ms, {});
+    std::printf("%s\n", client::json::Dump(document).c_str());
     return 0;
   }
   std::string error = client::Ping(options.host, options.port, options.order, options.timeoutMs);
@@ -151,7 +152,7 @@ int Configs(const Options& options, int argc, char** argv) {
   std::optional<std::vector<client::ConfigRecord>> records = connection.ListConfigs(argv[0]);
   if (!records) return Fail(connection.error());
   if (options.json) {
-    std::printf("%s\n", client::json::Configs(argv[0], *records).c_str());
+    std::printf("%s\n", client::json::Dump(client::json::Configs(argv[0], *records)).c_str());
   } else if (records->empty()) {
     std::printf("no configurations in %s\n", argv[0]);
   } else {
@@ -258,7 +259,8 @@ int Jobs(const Options& options, int argc, char**) {
   std::optional<std::string> records = client::ListJobRecords(connection, &error);
   if (!records) return Fail(error);
   if (options.json) {
-    std::printf("%s\n", client::json::Jobs(*records).c_str());
+    const client::json::Json document = client::json::Jobs(client::json::ParseJobRecords(*records));
+    std::printf("%s\n", client::json::Dump(document).c_str());
     return Finish(connection);
   }
   std::vector<std::vector<std::string>> rows = {

@@ -5,7 +5,7 @@
 
 namespace kvtweb {
 
-// @TOKEN@, @TITLE@, @PAGE@, @OVERVIEW@, @CONFIGS@ and @BODY@ are filled in per page.
+// @TOKEN@, @TITLE@, @PAGE@, @NAV@ and @BODY@ are filled in per page.
 inline constexpr const char* kPageTemplate = R"HTML(<!doctype html>
 <html lang="en">
 <head>
@@ -20,7 +20,7 @@ inline constexpr const char* kPageTemplate = R"HTML(<!doctype html>
 <a class="skip" href="#main">Skip to the content</a>
 <header>
 <p class="brand">KVTnetd</p>
-<nav aria-label="Pages"><a href="/" @OVERVIEW@>Overview</a> <a href="/configs" @CONFIGS@>Configurations</a></nav>
+<nav aria-label="Pages">@NAV@</nav>
 </header>
 <main id="main" tabindex="-1">
 @BODY@
@@ -29,7 +29,7 @@ inline constexpr const char* kPageTemplate = R"HTML(<!doctype html>
 </html>
 )HTML";
 
-inline constexpr const char* kOverviewBody = R"HTML(<h1>Printers and spool files</h1>
+inline constexpr const char* kOverviewBody = R"HTML(<h1 id="title">Printers and spool files</h1>
 <p id="server-state">Asking the server…</p>
 <div id="notice" class="notice" role="alert" hidden></div>
 <div id="data">
@@ -46,10 +46,17 @@ inline constexpr const char* kOverviewBody = R"HTML(<h1>Printers and spool files
 </div>
 <p id="action" role="status" aria-live="polite"></p>)HTML";
 
+// Problems first (the server sorts them); each row opens that server's overview.
+inline constexpr const char* kFleetBody = R"HTML(<h1>Print servers</h1>
+<p id="fleet-state">Asking kvtweb…</p>
+<div id="fleet-notice" class="notice" role="alert" hidden></div>
+<div id="fleet"><p>No data yet.</p></div>)HTML";
+
 inline constexpr const char* kConfigsBody = R"HTML(<h1>Configurations</h1>
 <form method="get" action="/configs">
 <label for="folder">Gamut folder</label>
 <input id="folder" name="folder" required maxlength="79" autocomplete="off" spellcheck="false">
+<input id="server-field" name="server" type="hidden" disabled>
 <button type="submit">Show</button>
 </form>
 <p id="configs-state" role="status" aria-live="polite"></p>
@@ -91,7 +98,11 @@ label { font-weight: 600; margin-right: .5rem; }
   padding: .6rem .8rem; font-weight: 600; }
 .stale-badge { display: inline-block; background: #fff4d6; color: #5c4300; border: 1px solid #b58900;
   padding: .2rem .6rem; font-weight: 600; }
-#data.stale table { background: repeating-linear-gradient(135deg, #fff, #fff 12px, #f6f6f6 12px, #f6f6f6 24px); }
+tr.problem td:first-child { border-left: .35rem solid var(--bad); }
+.tag { display: inline-block; font-size: .85rem; font-weight: 600; padding: 0 .4rem;
+  margin-left: .3rem; border-radius: .2rem; background: #fff4d6; color: #5c4300; border: 1px solid #b58900; }
+.tag.bad { background: var(--bad-bg); color: var(--bad); border-color: var(--bad); }
+tr.stale, #data.stale table { background: repeating-linear-gradient(135deg, #fff, #fff 12px, #f6f6f6 12px, #f6f6f6 24px); }
 .hint { color: var(--muted); font-size: .9rem; }
 @media (max-width: 40rem) {
   table, thead, tbody, tr, th, td, caption { display: block; }
@@ -106,7 +117,11 @@ label { font-weight: 600; margin-right: .5rem; }
 inline constexpr const char* kScript = R"JS('use strict';
 const token = document.querySelector('meta[name="kvt-token"]').content;
 const $ = (id) => document.getElementById(id);
-const kRefreshMs = 3000;
+// The server this page shows (?server=HOST:PORT); none: kvtweb's only or first server.
+const serverParam = new URLSearchParams(location.search).get('server');
+const withServer = (path) => (serverParam
+  ? `${path}${path.includes('?') ? '&' : '?'}server=${encodeURIComponent(serverParam)}` : path);
+let refreshMs = 3000;
 
 function el(tag, attrs, ...children) {
   const e = document.createElement(tag);
@@ -121,13 +136,15 @@ function el(tag, attrs, ...children) {
 const shownTime = (iso) => iso ? iso.slice(0, 19).replace('T', ' ') : '—';
 const clock = () => new Date().toLocaleTimeString();
 
-// cells: strings or nodes; numeric: the indices of right-aligned columns.
-function table(caption, heads, rows, numeric = []) {
+// cells: strings or nodes; numeric: the indices of right-aligned columns; rowClass: a
+// class for each row's tr, by its index.
+function table(caption, heads, rows, numeric = [], rowClass = () => '') {
   const head = el('tr');
   for (const h of heads) head.append(el('th', { scope: 'col', text: h }));
   const body = el('tbody');
-  for (const row of rows) {
+  for (const [r, row] of rows.entries()) {
     const tr = el('tr');
+    if (rowClass(r)) tr.className = rowClass(r);
     row.forEach((cell, i) => {
       const td = el('td', { 'data-label': heads[i] });
       if (numeric.includes(i)) td.className = 'num';
@@ -147,7 +164,8 @@ async function cancelJob(job, button) {
     const r = await fetch('/api/cancel', {
       method: 'POST',
       headers: { 'X-KVT-Token': token },
-      body: new URLSearchParams({ job: job.reference }),
+      body: new URLSearchParams(serverParam ? { job: job.reference, server: serverParam }
+        : { job: job.reference }),
     });
     const d = await r.json();
     if (!r.ok) say(`Job ${job.reference} was not cancelled: ${d.error}`);
@@ -230,26 +248,32 @@ async function refresh() {
   let d = null;
   let problem = null;
   try {
-    const r = await fetch('/api/overview', { cache: 'no-store' });
+    const r = await fetch(withServer('/api/overview'), { cache: 'no-store' });
     d = await r.json();
     if (!r.ok) problem = d.error || `HTTP ${r.status}`;
   } catch (e) {
     problem = 'kvtweb itself does not answer';
   }
   const server = d && d.server;
+  if (d && d.interval) refreshMs = d.interval * 1000;
+  if (server) {
+    const name = d.label ? `${d.label} (${server.server})` : server.server;
+    $('title').textContent = `Printers and spool files of ${name}`;
+    document.title = `${name} – KVTnetd`;
+  }
+  if (d && d.listing) render(d.listing);
+  if (d && d.lastGood) lastGood = shownTime(d.lastGood);
   if (server && server.reachable && d.listing) {
-    lastGood = clock();
     $('server-state').textContent = `KVTnetd at ${server.server} is reachable: round trip ` +
-      `${server.roundTripMs.toFixed(2)} ms. Updated ${lastGood}, every ${kRefreshMs / 1000} s.`;
+      `${server.roundTripMs.toFixed(2)} ms. Updated ${clock()}, every ${refreshMs / 1000} s.`;
     $('notice').hidden = true;
     $('stale-badge').hidden = true;
     $('data').classList.remove('stale');
-    render(d.listing);
   } else {
     const why = problem || (server && server.error) || 'no answer';
     $('server-state').textContent = `KVTnetd${server ? ' at ' + server.server : ''} cannot be reached.`;
     const notice = `The server cannot be reached (${why}). Trying again every ` +
-      `${kRefreshMs / 1000} s.`;
+      `${refreshMs / 1000} s.`;
     // Set only when it changes: an alert that is rewritten is read out again.
     if ($('notice').textContent !== notice || $('notice').hidden) $('notice').textContent = notice;
     $('notice').hidden = false;
@@ -259,7 +283,67 @@ async function refresh() {
     $('stale-badge').hidden = false;
   }
   busy = false;
-  timer = setTimeout(refresh, kRefreshMs);
+  timer = setTimeout(refresh, refreshMs);
+}
+
+// "42 s", "5 min", "2 h 5 min", "3 d 4 h": how long ago, or how long a file waits.
+function age(seconds) {
+  if (seconds == null) return '—';
+  if (seconds < 60) return `${seconds} s`;
+  if (seconds < 3600) return `${Math.floor(seconds / 60)} min`;
+  const hours = Math.floor(seconds / 3600);
+  if (seconds < 86400) return `${hours} h ${Math.floor(seconds % 3600 / 60)} min`;
+  return `${Math.floor(seconds / 86400)} d ${Math.floor(seconds % 86400 / 3600)} h`;
+}
+
+let fleetNotice = '';
+async function refreshFleet() {
+  let d = null;
+  try {
+    const r = await fetch('/api/fleet', { cache: 'no-store' });
+    d = await r.json();
+  } catch (e) {
+    $('fleet-state').textContent = `kvtweb itself does not answer (${clock()}).`;
+  }
+  if (d) {
+    refreshMs = d.interval * 1000;
+    const focused = document.activeElement && document.activeElement.dataset.server;
+    const rows = d.servers.map((s) => {
+      const link = el('a', { href: `/server?server=${encodeURIComponent(s.server)}`,
+        'data-server': s.server, text: s.label ? `${s.label} (${s.server})` : s.server });
+      const state = el('span', { text: s.reachable ? 'reachable' : `unreachable: ${s.error}` });
+      const cell = el('span', {}, state);
+      if (s.stale) cell.append(el('span', { class: 'tag', text: 'stale' }));
+      for (const p of s.problems.filter((p) => p !== 'unreachable'))
+        cell.append(el('span', { class: 'tag bad', text: p }));
+      const states = Object.entries(s.jobsByState).map(([k, n]) => `${n} ${k.replace('_', ' ')}`);
+      return [link, cell, s.roundTripMs == null ? '—' : `${s.roundTripMs.toFixed(2)} ms`,
+        s.lastGoodAgeSeconds == null ? 'never' : `${age(s.lastGoodAgeSeconds)} ago`,
+        String(s.printersWithJobs), states.length ? states.join(', ') : 'none',
+        String(s.spoolFiles), age(s.oldestSpoolFileAgeSeconds)];
+    });
+    const down = d.servers.filter((s) => !s.reachable);
+    $('fleet').replaceChildren(table(`${d.servers.length} servers, problems first`,
+      ['Server', 'State', 'Round trip', 'Last good poll', 'Printers with jobs', 'Jobs by state',
+        'Waiting spool files', 'Oldest spool file'], rows, [2, 4, 6],
+      (i) => [d.servers[i].problems.length ? 'problem' : '', d.servers[i].stale ? 'stale' : '']
+        .join(' ').trim()));
+    if (focused) {
+      const again = $('fleet').querySelector(`a[data-server="${CSS.escape(focused)}"]`);
+      if (again) again.focus();
+    }
+    $('fleet-state').textContent = `${d.servers.length - down.length} of ${d.servers.length} ` +
+      `servers reachable. Updated ${clock()}, every ${refreshMs / 1000} s.`;
+    // Set only when it changes: an alert that is rewritten is read out again.
+    const names = down.map((s) => s.label || s.server).join(', ');
+    const notice = down.length ? `Cannot reach ${names}.` : '';
+    if (notice !== fleetNotice) {
+      fleetNotice = notice;
+      $('fleet-notice').textContent = notice;
+      $('fleet-notice').hidden = !notice;
+    }
+  }
+  setTimeout(refreshFleet, refreshMs);
 }
 
 async function showConfigs() {
@@ -269,7 +353,8 @@ async function showConfigs() {
   const state = $('configs-state');
   state.textContent = `Asking for the configurations of ${folder}…`;
   try {
-    const r = await fetch('/api/configs?' + new URLSearchParams({ folder }), { cache: 'no-store' });
+    const r = await fetch(withServer('/api/configs?' + new URLSearchParams({ folder })),
+      { cache: 'no-store' });
     const d = await r.json();
     if (!r.ok) { state.textContent = `No listing: ${d.error}`; return; }
     const rows = d.configurations.map((c) => [c.name, String(c.size),
@@ -283,7 +368,16 @@ async function showConfigs() {
   }
 }
 
-if (document.body.dataset.page === 'overview') refresh(); else showConfigs();
+const page = document.body.dataset.page;
+for (const a of document.querySelectorAll('nav a[data-nav]')) {
+  if (a.dataset.nav === page) a.setAttribute('aria-current', 'page');
+  if (a.dataset.nav !== 'fleet' && serverParam) a.href = withServer(a.getAttribute('href'));
+}
+if (serverParam && $('server-field')) {
+  $('server-field').value = serverParam;
+  $('server-field').disabled = false;
+}
+if (page === 'fleet') refreshFleet(); else if (page === 'overview') refresh(); else showConfigs();
 )JS";
 
 }  // namespace kvtweb
