@@ -25,7 +25,7 @@ void Request(Connection& c, std::uint8_t which) {
   std::string error;
   switch (which % 12) {
     case 0:
-      if (auto records = ListJobRecords(c, &error)) json::Jobs(*records);
+      if (auto records = ListJobRecords(c, &error)) json::Dump(json::Jobs(json::ParseJobRecords(*records)));
       break;
     case 1:
       ListsJob(c, "*0-7", &error);
@@ -39,7 +39,7 @@ void Request(Connection& c, std::uint8_t which) {
       break;
     }
     case 4:
-      if (auto configs = c.ListConfigs("Proofs")) json::Configs("Proofs", *configs);
+      if (auto configs = c.ListConfigs("Proofs")) json::Dump(json::Configs("Proofs", *configs));
       break;
     case 5:
       c.RegisterColorTable("Table", "0123456789");
@@ -69,7 +69,7 @@ void Request(Connection& c, std::uint8_t which) {
       c.SendClose();
       break;
   }
-  json::Error(error + c.error());
+  json::Dump(json::Error(error + c.error()));
 }
 
 }  // namespace
@@ -87,7 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Connection c;  // nothing waits: the server's bytes are all there, then its end
     if (c.Connect("127.0.0.1") && c.Open(data[0] & 1 ? ByteOrder::kBig : ByteOrder::kLittle))
       for (int i = 1; i <= 4; ++i) Request(c, data[i]);
-    json::Ping("127.0.0.1:51470", c.order(), 0.25, c.error());
+    json::Dump(json::Ping("127.0.0.1:51470", c.order(), 0.25, c.error()));
   }
   net::Close(pair.server);
   if (memory::OpenSockets() != 0) std::abort();  // the client left its socket open
