@@ -1,8 +1,8 @@
-// Stand-in for the print-feeding program, for tests. Each start appends a line to
-// "jobfeeder-starts" in the folder named by KVT_STANDIN_DIR: the time in milliseconds since
-// 1970, then each argument after the program's own name, each after a tab. Without "-l" it
-// then stays while that folder holds "jobfeeder-hold" (at most a minute) and, if it stayed,
-// appends its end to "jobfeeder-ends" before it exits.
+// Stand-in for the print-feeding program, for tests. Each start writes a record file
+// "jobfeeder-start-..." in the folder named by KVT_STANDIN_DIR: one line, the time in
+// milliseconds since 1970, then each argument after the program's own name, each after a tab.
+// Without "-l" it then stays while that folder holds "jobfeeder-hold" (at most a minute) and,
+// if it stayed, records its end ("jobfeeder-end-...") before it exits.
 // Without KVT_STANDIN_DIR it records nothing.
 // With "-l" it takes the connection from the record on its standard input, sends "JOBFEED\n",
 // echoes one byte from the client and exits; a record longer than 372 bytes (more waiting
@@ -83,28 +83,25 @@ Socket TakeSocket() {
 void CloseSocket(Socket s) { close(s); }
 #endif
 
-void Record(const std::string& file, int argc, char** argv) {
+// Each record is a file of its own, "<kind>-<time in ms, 15 digits>-<process>", made whole in
+// one write: stand-ins started at once never touch the same file (Wine's appends to one
+// shared file could lose a line).
+void Record(const std::string& kind, int argc, char** argv) {
   using namespace std::chrono;
-  auto ms = duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+  const auto ms = duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
   std::string line = std::to_string(ms);
   for (int i = 1; i < argc; ++i) line += std::string("\t") + argv[i];
   line += "\n";
-  // One append of the whole line, so that stand-ins started at once never mix their lines
-  // (the C runtime's append mode on Windows seeks and then writes).
+  char name[64];
 #if defined(_WIN32)
-  HANDLE out = CreateFileA(file.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                           nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (out == INVALID_HANDLE_VALUE) return;
-  DWORD written = 0;
-  WriteFile(out, line.data(), DWORD(line.size()), &written, nullptr);
-  CloseHandle(out);
+  std::snprintf(name, sizeof name, "-%015lld-%lu", static_cast<long long>(ms), GetCurrentProcessId());
 #else
-  const int out = open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-  if (out < 0) return;
-  const ssize_t written = write(out, line.data(), line.size());
-  close(out);
-  (void)written;  // a line that could not be written shows as a missing start in the test
+  std::snprintf(name, sizeof name, "-%015lld-%d", static_cast<long long>(ms), int(getpid()));
 #endif
+  std::FILE* out = std::fopen((kind + name).c_str(), "wb");
+  if (out == nullptr) return;  // shows as a missing record in the test
+  std::fwrite(line.data(), 1, line.size(), out);
+  std::fclose(out);
 }
 
 }  // namespace
@@ -112,13 +109,13 @@ void Record(const std::string& file, int argc, char** argv) {
 int main(int argc, char** argv) {
   const char* dir = std::getenv("KVT_STANDIN_DIR");
   const std::string folder = dir != nullptr ? dir : "";
-  if (!folder.empty()) Record(folder + "/jobfeeder-starts", argc, argv);
+  if (!folder.empty()) Record(folder + "/jobfeeder-start", argc, argv);
   if (argc < 2 || std::string(argv[1]) != "-l") {
     if (folder.empty()) return 0;
     int waited = 0;  // in steps of 20 ms, a minute at the most
     for (; waited < 3000 && std::filesystem::exists(folder + "/jobfeeder-hold"); ++waited)
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    if (waited > 0) Record(folder + "/jobfeeder-ends", 1, argv);
+    if (waited > 0) Record(folder + "/jobfeeder-end", 1, argv);
     return 0;
   }
   Socket s = TakeSocket();

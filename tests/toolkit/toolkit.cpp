@@ -83,18 +83,22 @@ ScratchFolder::~ScratchFolder() {
 
 namespace {
 
-// The lines of a record file, each without what comes before its first tab (the time).
-std::vector<std::string> Lines(const fs::path& file) {
+// The lines of the record files "<kind>-<time>-<process>" in the order of their names (of
+// their times), each without what comes before its first tab (the time).
+std::vector<std::string> Lines(const fs::path& folder, const std::string& kind) {
   std::vector<std::string> lines;
-  std::istringstream text(ReadFile(file));
-  for (std::string line; std::getline(text, line);)
-    lines.push_back(line.substr(std::min(line.find('\t'), line.size())));
+  for (const std::string& name : Listing(folder)) {
+    if (!name.starts_with(kind + "-")) continue;
+    std::istringstream text(ReadFile(folder / name));
+    for (std::string line; std::getline(text, line);)
+      lines.push_back(line.substr(std::min(line.find('\t'), line.size())));
+  }
   return lines;
 }
 
 }  // namespace
 
-std::vector<std::string> StandinRecords::Starts() const { return Lines(folder_ / "jobfeeder-starts"); }
+std::vector<std::string> StandinRecords::Starts() const { return Lines(folder_, "jobfeeder-start"); }
 
 std::vector<std::string> StandinRecords::WaitForStarts(std::size_t count) const {
   std::vector<std::string> starts;
@@ -104,7 +108,7 @@ std::vector<std::string> StandinRecords::WaitForStarts(std::size_t count) const 
 
 void StandinRecords::HoldJobfeeder() const { WriteFile(folder_ / "jobfeeder-hold", ""); }
 void StandinRecords::ReleaseJobfeeder() const { fs::remove(folder_ / "jobfeeder-hold"); }
-std::size_t StandinRecords::Ends() const { return Lines(folder_ / "jobfeeder-ends").size(); }
+std::size_t StandinRecords::Ends() const { return Lines(folder_, "jobfeeder-end").size(); }
 
 void StandinRecords::SetToolExit(int code) const {
   WriteFile(folder_ / "exit-code", std::to_string(code));
@@ -122,9 +126,9 @@ std::optional<StandinRecords::ToolCall> StandinRecords::TakeToolCall() const {
 }
 
 void StandinRecords::Clear() const {
-  for (const char* name : {"jobfeeder-starts", "jobfeeder-ends", "jobfeeder-hold", "args", "data",
-                           "exit-code"})
-    fs::remove(folder_ / name);
+  for (const std::string& name : Listing(folder_))
+    if (name.starts_with("jobfeeder-") || name == "args" || name == "data" || name == "exit-code")
+      fs::remove(folder_ / name);
 }
 
 }  // namespace kvt::test
