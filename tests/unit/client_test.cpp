@@ -16,6 +16,7 @@ namespace {
 using namespace client;
 using test::Le32;
 
+// A length that can't be true closes the connection: what follows it is out of step.
 TEST(Client, BrokenAnswersAreRefusedWithTheirReason) {
   std::string error;
   const std::tuple<std::string, std::function<bool(Connection&)>, std::string> rows[] = {
@@ -44,6 +45,7 @@ TEST(Client, BrokenAnswersAreRefusedWithTheirReason) {
     EXPECT_FALSE(call(c));
     EXPECT_EQ(error.empty() ? c.error() : error,
               reason.empty() ? "the server closed the connection after 2 of 3 bytes" : reason);
+    EXPECT_EQ(c.IsConnected(), reason.find("announced") == std::string::npos);
   }
 }
 
