@@ -10,15 +10,21 @@ namespace kvt::client::json {
 
 namespace {
 
-// The length of the well-formed UTF-8 sequence at text[at], or 0.
+// The length of the well-formed UTF-8 sequence at text[at], or 0. Well-formed as the JSON
+// library checks it: no overlong form, no surrogate, nothing past U+10FFFF.
 std::size_t Utf8Length(std::string_view text, std::size_t at) {
   const auto lead = static_cast<unsigned char>(text[at]);
   const std::size_t length = lead >= 0xF0 && lead <= 0xF4 ? 4
-                             : lead >= 0xE0              ? 3
+                             : lead >= 0xE0 && lead <= 0xEF ? 3
                              : lead >= 0xC2 && lead <= 0xDF ? 2
                                                             : 0;
   if (length == 0 || at + length > text.size()) return 0;
-  for (std::size_t i = 1; i < length; ++i)
+  // The second byte's range narrows after these leads (Unicode's table of well-formed UTF-8).
+  const unsigned char low = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
+  const unsigned char high = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
+  const auto second = static_cast<unsigned char>(text[at + 1]);
+  if (second < low || second > high) return 0;
+  for (std::size_t i = 2; i < length; ++i)
     if ((static_cast<unsigned char>(text[at + i]) & 0xC0) != 0x80) return 0;
   return length;
 }
@@ -44,7 +50,10 @@ Json Text(std::string_view text) {
   return out;
 }
 
-std::string Dump(const Json& document) { return document.dump(); }
+// Never throws: a text that Text() let through malformed would be replaced, not fatal.
+std::string Dump(const Json& document) {
+  return document.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
 
 Json Time(std::int64_t seconds) {
   if (seconds == 0) return nullptr;
