@@ -51,7 +51,7 @@ struct Relay {
   }
   ~Relay() {
     limit = -1;
-    ::close(Socket(Path(), ::connect));  // the last accept
+    ::shutdown(listener, SHUT_RDWR);  // ends the accept it waits in, or the next one
     thread.join();
   }
   void Run() {
