@@ -96,8 +96,5 @@ void OfferConnection(net::Socket clientEnd);
 void SetUsableMemory(std::uint64_t bytes);  // 1 GiB at first
 // The next `count` thread starts fail.
 void FailThreadStarts(int count);
-// Milliseconds the program has slept; the text written to the console.
-long long Slept();
-std::string Console();
 
 }  // namespace kvt::memory
