@@ -57,9 +57,10 @@ void ServeSeeds(const fs::path& folder) {
                           Frame(1) + Frame(6) + Field("123456789012347", 16)},
   };
   // Machines: everything there; no programs and a failing spooler, short receives; the
-  // Windows program's quoting, failing hand-offs, a full disk and a client that resets.
+  // Windows program's quoting, failing hand-offs, a full disk and a client that resets; a
+  // thread that can't be started for the first connection.
   const std::string machines[] = {std::string("\x0C\x00\x00", 3), std::string("\x41\x40\x0B", 3),
-                                  std::string("\xBE\x93\x35", 3)};
+                                  std::string("\xBE\x93\x35", 3), std::string("\x0C\x60\x00", 3)};
   for (std::size_t m = 0; m < std::size(machines); ++m)
     for (const auto& [name, conversation] : seeds)
       for (const char* marker : {"\x04\x03\x02\x01", "\x01\x02\x03\x04"})
