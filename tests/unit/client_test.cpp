@@ -5,6 +5,7 @@
 #include <functional>
 #include <string>
 
+#include "client/listing_json.h"
 #include "client/print_client.h"
 #include "client/spool_client.h"
 #include "memory/served.h"
@@ -67,6 +68,24 @@ TEST(Client, UploadWhoseSourceGivesOutEarlyStoresNothing) {
   EXPECT_FALSE(s.client.IsConnected());
   s.Leave();
   EXPECT_EQ(memory::Listing("/spool"), std::vector<std::string>{});
+}
+
+// A record's texts in the JSON documents: well-formed UTF-8 as it is, every other byte read as
+// Latin-1 (what the JSON library would refuse must never reach it), control bytes escaped.
+TEST(Json, RecordTextsBecomeUtf8) {
+  const std::pair<std::string, std::string> rows[] = {
+      {"Proof \"A\"\\\t", "\"Proof \\\"A\\\"\\\\\\t\""},
+      {"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x96\xA8\xF4\x8F\xBF\xBF", "\"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x96\xA8\xF4\x8F\xBF\xBF\""},
+      {"\xE9t\xE9", "\"\xC3\xA9t\xC3\xA9\""},          // Latin-1
+      {"\xC0\x80", "\"\xC3\x80\xC2\x80\""},             // overlong
+      {"\xE0\x9F\xBF", "\"\xC3\xA0\xC2\x9F\xC2\xBF\""},  // overlong
+      {"\xED\xA0\x80", "\"\xC3\xAD\xC2\xA0\xC2\x80\""},  // a surrogate
+      {"\xF0\x8F\xBF\xBF", "\"\xC3\xB0\xC2\x8F\xC2\xBF\xC2\xBF\""},  // overlong
+      {"\xF4\x90\x80\x80", "\"\xC3\xB4\xC2\x90\xC2\x80\xC2\x80\""},  // past U+10FFFF
+      {"\xF5\x80\x80\x80", "\"\xC3\xB5\xC2\x80\xC2\x80\xC2\x80\""},
+      {"\xFF\xC3", "\"\xC3\xBF\xC3\x83\""},              // a sequence cut short
+  };
+  for (const auto& [text, json] : rows) EXPECT_EQ(json::Dump(json::Text(text)), json) << text;
 }
 
 }  // namespace
