@@ -63,6 +63,9 @@ TEST_P(FilesTest, GamutFiles) {
   run = RunKvtctl({"gamut", "Proofs", "Empty", "-o", out.string()}, {"TZ=UTC"});  // found, empty
   EXPECT_EQ(run.out, out.string() + ": 0 bytes, modified 2023-11-14 22:13:20\n") << run.err;
   EXPECT_TRUE(fs::exists(out));
+  run = RunKvtctl({"gamut", "Proofs", "Over", "-o", "/nonexistent/out"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "kvtctl: cannot write /nonexistent/out: No such file or directory\n");
 }
 
 TEST_P(FilesTest, ConfigurationListing) {
