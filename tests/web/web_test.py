@@ -560,6 +560,9 @@ def monitoring(rig):
         wait_for(f"the job counts of {server}", lambda: query(jobs) == expected)
     assert query(f'sum(kvtnetd_spool_files{{server="{first}"}})') == {None: [2.0]}
     assert query(f'kvtnetd_spool_files{{server="{second}"}}') == {}
+    # The oldest spool file's age: its time is the one in its job name.
+    age = query(f'kvtnetd_oldest_spool_file_age_seconds{{server="{first}"}}')[first][0]
+    assert abs(age - (time.time() - int(min(SPOOL_FILES)[:10]))) < 60, age
 
     # One server stops: its kvtnetd_up goes from 1 to 0, the other's stays 1.
     rig.others[0].send_signal(signal.SIGTERM)
@@ -567,6 +570,9 @@ def monitoring(rig):
              lambda: query("kvtnetd_up") == {first: [1.0], second: [0.0]})
     history = query(f'kvtnetd_up{{server="{second}"}}[5m]')[second]
     assert history[0] == 1.0 and history[-1] == 0.0, history
+    # Its own figures go with it (they would be stale); its polls and failures stay.
+    assert query(f'kvtnetd_round_trip_seconds{{server="{second}"}}') == {}
+    assert query(f'kvtweb_poll_failures_total{{server="{second}"}}')[second][0] >= 1
 
 
 def wine(rig):
