@@ -372,8 +372,10 @@ def trickle(count, stop, source="127.0.0.1"):
 
 
 def requests(rig):
+    rig.hold_jobs([("KvtProofA", "poster.pdf")])
     rig.start_server()
-    rig.start_web()
+    # Polls an hour apart: after a cancel, the listing is fresh only if the cancel asks for it.
+    rig.start_web(options=("--interval", "3600"))
     wait_for("the first poll", lambda: request("GET", "/api/ping")[0] == 200)
     status, page = request("GET", "/")
     assert status == 200, status
@@ -433,6 +435,14 @@ def requests(rig):
         status = exchange(raw)
         if status != expected:
             failures.append(f"{name}: {status} instead of {expected}")
+    # A cancel that works, and the poll it asks for shows the job gone.
+    job = f"*0-{rig.jobs['poster.pdf']}"
+    listed = lambda: f'"{job}"'.encode() in request("GET", "/api/jobs")[1]
+    assert listed(), "the held job is not listed"
+    status, data = request("POST", "/api/cancel", [T, ("Origin", ORIGIN)], "job=" + job)
+    if status != 200 or not json.loads(data)["gone"]:
+        failures.append(f"cancel of a listed job: {status} {data[:120]!r}")
+    wait_for("the listing without the cancelled job", lambda: not listed())
     # The scrape's format, as Prometheus asks for it.
     headers = {}
     request("GET", "/metrics", answer=headers)
@@ -494,6 +504,11 @@ def servers_file(rig):
         wait_for("the file read again", lambda: fleet() == listed)
     except AssertionError:
         failures.append(f"after SIGHUP: {fleet()}")
+    # That server does not answer: its one problem is that.
+    server = lambda: json.loads(request("GET", "/api/fleet")[1])["servers"][0]
+    wait_for("the first poll of the server", lambda: server()["error"] != "not polled yet")
+    if server()["problems"] != ["unreachable"] or server()["reachable"]:
+        failures.append(f"a server that does not answer: {server()}")
     write("nonsense:\n")
     rig.web.send_signal(signal.SIGHUP)
     log = os.path.join(rig.work, "kvtweb.err")
@@ -501,6 +516,13 @@ def servers_file(rig):
              lambda: "still watching the servers as before" in open(log).read())
     if fleet() != listed:
         failures.append(f"after SIGHUP with a wrong file: {fleet()}")
+    # Without --listen, the page is at 127.0.0.1:51480.
+    rig.web.kill()
+    rig.web.wait()
+    rig.web = subprocess.Popen([rig.args.kvtweb, "--server", f"127.0.0.1:{SERVER_PORT}"],
+                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    wait_for("kvtweb on its own port", lambda: port_open(51480))
+    wait_for("its first poll", lambda: request("GET", "/api/ping", port=51480)[0] == 200)
     return failures
 
 
