@@ -204,8 +204,7 @@ TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
   if (!notMade.empty()) GTEST_SKIP() << notMade;
 }
 
-INSTANTIATE_TEST_SUITE_P(Linux, ExhaustionTest, ::testing::Values(Kind::kLinux));
-INSTANTIATE_TEST_SUITE_P(Wine, ExhaustionTest, ::testing::Values(Kind::kWine));
+KVT_ON_BOTH_KINDS(ExhaustionTest);
 
 }  // namespace
 }  // namespace kvt::wire

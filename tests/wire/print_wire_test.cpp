@@ -95,9 +95,9 @@ std::string Shell(const std::string& command) {
 
 const std::string kUser = ::getpwuid(::geteuid())->pw_name;
 
-// Submits a held job; its number ("" with a failed expectation when lp refuses).
-std::string Hold(const std::string& queue, const std::string& title) {
-  const std::string out = Shell("echo x | lp -H hold -d " + queue + " -t '" + title + "'");
+// Submits a job, held unless told; its number ("" with a failed expectation when lp refuses).
+std::string Hold(const std::string& queue, const std::string& title, bool held = true) {
+  const std::string out = Shell("echo x | lp " + (held ? "-H hold -d "s : "-d ") + queue + " -t '" + title + "'");
   std::smatch id;
   EXPECT_TRUE(std::regex_search(out, id, std::regex(queue + "-([0-9]+)"))) << out;
   return id.empty() ? "" : id[1].str();
@@ -124,10 +124,15 @@ std::vector<std::string> Listed(Connection& c) {
 // One listing asks the scheduler twice, whatever the number of printers: the printer list
 // and every queue's jobs. Its edges: printers without jobs, a printer gone with its job, the
 // scheduler gone between the two requests.
-class SnapshotTest : public InlineTest {};  // the Linux server only: Wine lists no jobs
+class SnapshotTest : public InlineTest {  // the Linux server only: Wine lists no jobs
+ protected:
+  void SetUp() override {
+    if (!fs::exists(kCups)) GTEST_SKIP() << "no scheduler at " << kCups;
+    InlineTest::SetUp();
+  }
+};
 
 TEST_P(SnapshotTest, OnePerListing) {
-  if (!fs::exists(kCups)) GTEST_SKIP() << "no scheduler at " << kCups;
   Relay relay;
   // 20 queues more, KvtMany00 to 19, every sixth with a held job. A connection's printers
   // come in the scheduler's order: these first, then KvtProofA and KvtProofB (no jobs).
@@ -155,13 +160,11 @@ TEST_P(SnapshotTest, OnePerListing) {
 // A job that its backend can't deliver is processing with the backend's own words: its
 // record carries them (status 1) instead of "printing".
 TEST_P(SnapshotTest, ABackendsWordsOnAProcessingJob) {
-  if (!fs::exists(kCups)) GTEST_SKIP() << "no scheduler at " << kCups;
   Relay relay;  // the suite's server reaches the scheduler through it
   Shell("lpadmin -p KvtStuck -E -v socket://127.0.0.1:9");  // nothing listens there
-  const std::string out = Shell("echo x | lp -d KvtStuck -t Stuck");
-  std::smatch id;
-  ASSERT_TRUE(std::regex_search(out, id, std::regex("KvtStuck-([0-9]+)"))) << out;
-  const std::regex record("KvtStuck \\*[0-9]+-" + id[1].str() + " Stuck " + kUser +
+  const std::string id = Hold("KvtStuck", "Stuck", false);
+  ASSERT_NE(id, "");
+  const std::regex record("KvtStuck \\*[0-9]+-" + id + " Stuck " + kUser +
                           " LOCALHOST 1 The printer may not exist or is unavailable at this time.");
   Connection c = Opened();
   std::vector<std::string> listed;
@@ -226,27 +229,18 @@ TEST_P(InlineTest, NamesFromConcurrentConnectionsNeverRepeat) {
   EXPECT_EQ(unique.size(), 200u);
 }
 
-TEST_P(InlineTest, CancelAndDeleteThenQuit) {
-  const fs::path spool = server_->Spool(), victim = server_->Corvina() / "victim";
-  WriteFile(spool / "Abc.spl", "x");
-  WriteFile(victim, "x");
+// A reference past the connection's printer table (empty without a spooler), and a folder,
+// are answered 0; files go as kvtctl's test shows.
+TEST_P(InlineTest, ReferencePastTheTableAndAFolderStay) {
   Connection c = Opened();
-  Jobs(c);  // the connection's printer table, empty without a spooler
-  // Cancel (else delete), the name, the answer: 1 once the file is gone, 0 after; "*0-1"
-  // past the empty table; a folder is not deleted.
-  const std::tuple<bool, std::string, int> steps[] = {
-      {true, "Abc", 1}, {true, "Abc", 0}, {true, "*0-1", 0}, {false, server_->ServerPath(spool), 0},
-      {false, server_->ServerPath(victim), 1}, {false, server_->ServerPath(victim), 0}};
-  for (const auto& [cancel, name, expected] : steps) {
-    auto byte = cancel ? client::CancelJobOrSpoolFile(c, name) : client::DeleteServerFile(c, name);
-    EXPECT_EQ(byte, std::optional<std::uint8_t>(expected)) << name;
-  }
-  EXPECT_TRUE(!fs::exists(spool / "Abc.spl") && !fs::exists(victim) && fs::exists(spool));
+  Jobs(c);
+  EXPECT_EQ(client::CancelJobOrSpoolFile(c, "*0-1"), std::optional<std::uint8_t>(0));
+  EXPECT_EQ(client::DeleteServerFile(c, server_->ServerPath(server_->Spool())), std::optional<std::uint8_t>(0));
+  EXPECT_TRUE(fs::exists(server_->Spool()));
   EXPECT_TRUE(client::Quit(c, "first", "second")) << c.error();
 }
 
-INSTANTIATE_TEST_SUITE_P(Linux, InlineTest, ::testing::Values(Kind::kLinux));
-INSTANTIATE_TEST_SUITE_P(Wine, InlineTest, ::testing::Values(Kind::kWine));
+KVT_ON_BOTH_KINDS(InlineTest);
 
 class SpoolerTest : public ServerSuite {};
 
@@ -291,8 +285,7 @@ TEST_P(SpoolerTest, HeldCupsJobsAreListedAndCancelled) {
   Shell("cancel -a KvtProofA KvtProofB");
 }
 
-INSTANTIATE_TEST_SUITE_P(Linux, SpoolerTest, ::testing::Values(Kind::kLinux));
-INSTANTIATE_TEST_SUITE_P(Wine, SpoolerTest, ::testing::Values(Kind::kWine));
+KVT_ON_BOTH_KINDS(SpoolerTest);
 
 }  // namespace
 }  // namespace kvt::wire

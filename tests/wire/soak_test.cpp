@@ -124,9 +124,7 @@ TEST_P(SoakTest, ManyClientsEveryCommand) {
   const long end = MemoryKb(server.pid(), "VmRSS");
 
   EXPECT_EQ(tally.errors, 0) << "first: " << tally.first;
-  EXPECT_TRUE(WaitUntil([&] { return Holdings(server.pid()) == *idle; }, 10s))
-      << "threads, descriptors, children " << ::testing::PrintToString(Holdings(server.pid()))
-      << ", idle " << ::testing::PrintToString(*idle);
+  ExpectSettled(server.pid(), *idle);
   // Flat: what the allocator keeps for 64 threads may still move a little. A sanitizer's
   // allocator holds freed memory back for a while, so only the plain build's figures count.
   if (std::string_view(KVT_SANITIZE).empty()) {
