@@ -13,6 +13,7 @@
 #include <regex>
 #include <sstream>
 
+#include "client/print_client.h"
 #include "client/spool_client.h"
 #include "platform/net.h"
 
@@ -123,6 +124,13 @@ std::optional<bool> Upload(client::Connection& c, std::string_view name, const s
   auto stored = client::UploadSpool(c, name, std::uint32_t(body.size()), source, {}, &error);
   EXPECT_TRUE(stored.has_value()) << error;
   return stored;
+}
+
+std::string Jobs(client::Connection& c) {
+  std::string error;
+  std::optional<std::string> records = client::ListJobRecords(c, &error);
+  EXPECT_TRUE(records) << error;
+  return records.value_or("");
 }
 
 std::string AnswerOf(const std::string& bytes) {
@@ -318,19 +326,21 @@ std::optional<int> Server::WaitExit() {
 std::string Server::Stop() {
   // A sanitizer's report (the server's own, or a stand-in's it started) fails the test even
   // when the program went on or the test never looked at its output.
-  if (pid_ > 0 || status_) {
-    const std::string errors = Errors();
-    if (errors.find("Sanitizer") != std::string::npos) ADD_FAILURE() << "the server's stderr: " << errors;
-  }
-  if (!Running()) {
-    status_.reset();
-    return {};
-  }
+  if ((pid_ > 0 || status_) && Errors().find("Sanitizer") != std::string::npos)
+    ADD_FAILURE() << "the server's stderr: " << Errors();
+  const bool running = Running();
+  status_.reset();
+  if (!running) return {};
   ::kill(pid_, SIGKILL);
   ::waitpid(pid_, nullptr, 0);
   pid_ = -1;
-  if (!WaitUntil([] { return !PortListening(); }, Patience()))
-    return "port 51470 is still taken after the server was killed";
+  return WaitUntil([] { return !PortListening(); }, Patience())
+             ? "" : "port 51470 is still taken after the server was killed";
+}
+
+std::string Server::Log() const {
+  for (const std::string& name : Listing(cwd_))
+    if (std::regex_match(name, std::regex("KVTnetd-S[0-9]{12}"))) return ReadFile(cwd_ / name);
   return {};
 }
 

@@ -51,6 +51,8 @@ class Server {
   const fs::path& cwd() const { return cwd_; }  // the log goes here
   std::string Output() const { return ReadFile(cwd_ / "stdout"); }
   std::string Errors() const { return ReadFile(cwd_ / "stderr"); }
+  // The debug log in the working folder (not its console copy), empty when there is none yet.
+  std::string Log() const;
   Milliseconds Patience() const;  // how long a start or an exit may take
 
   // The server's gamut folder (Corvina/gamut below its common data folder).
@@ -101,6 +103,8 @@ client::Connection Opened(const client::Marker& marker = client::kLittleEndianMa
 // Nothing has arrived and the server serves the next frame: a fresh job name is the first
 // thing to come.
 void ExpectWaiting(client::Connection& c);
+// The job listing's records as sent (a failed expectation when the exchange fails).
+std::string Jobs(client::Connection& c);
 // Exactly `count` bytes of an answer (a failed expectation when they don't come).
 std::string Receive(client::Connection& c, std::size_t count);
 // Sends `bytes` on a new connection, then half-closes: all the server sends until it closes

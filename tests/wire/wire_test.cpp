@@ -95,13 +95,6 @@ KVT_ON_BOTH_KINDS(WireTest);
 // Tests that run the server program themselves.
 class OwnServerTest : public KindTest {};
 
-// The debug log in the server's working folder: its text, or empty when there is none yet.
-std::string LogText(const Server& server) {
-  for (const std::string& name : Listing(server.cwd()))
-    if (std::regex_match(name, std::regex("KVTnetd-S[0-9]{12}"))) return ReadFile(server.cwd() / name);
-  return {};
-}
-
 TEST_P(OwnServerTest, DebugLog) {
   Server server(GetParam());
   ASSERT_EQ(server.StartListening({"-debug"}), "");
@@ -118,18 +111,18 @@ TEST_P(OwnServerTest, DebugLog) {
   std::string log;
   auto logged = [&](std::vector<const char*> lines) {
     for (const char* line : lines) log += "KVTnetd: "s + line + eol + eol;
-    return WaitUntil([&] { return LogText(server) == log; });
+    return WaitUntil([&] { return server.Log() == log; });
   };
-  ASSERT_TRUE(logged({"Listening..."})) << LogText(server);
+  ASSERT_TRUE(logged({"Listening..."})) << server.Log();
   for (const auto& [bytes, lines] : clients) {
     Connection c;
     ASSERT_TRUE(c.Connect("127.0.0.1")) << c.error();
     // The listener's lines come first: the connection's own start with the marker.
-    ASSERT_TRUE(logged({"Socket ID", "Listening..."})) << LogText(server);
+    ASSERT_TRUE(logged({"Socket ID", "Listening..."})) << server.Log();
     ASSERT_TRUE(c.SendBytes(bytes.data(), bytes.size())) << c.error();
     EXPECT_TRUE(bytes.empty() || c.RecvByte() == std::optional<std::uint8_t>(1)) << c.error();
     c.Close();
-    ASSERT_TRUE(logged(lines)) << LogText(server);
+    ASSERT_TRUE(logged(lines)) << server.Log();
   }
   if (GetParam() == Kind::kLinux) {
     EXPECT_EQ(server.Errors(), std::regex_replace(log, std::regex("\n\n"), "\n"));
@@ -157,7 +150,7 @@ TEST_P(OwnServerTest, RunModesByExitStatus) {
     ASSERT_EQ(server.Start(args), "");
     EXPECT_EQ(server.WaitExit(), status);
     EXPECT_EQ(server.Output(), "");
-    EXPECT_EQ(LogText(server), entry.empty() ? "" : entry + eol + eol);
+    EXPECT_EQ(server.Log(), entry.empty() ? "" : entry + eol + eol);
     if (GetParam() == Kind::kLinux) {
       EXPECT_EQ(server.Errors(), entry.empty() ? "" : entry + "\n");
     }
