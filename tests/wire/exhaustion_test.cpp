@@ -112,11 +112,7 @@ TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
   auto upload = [&](int i) -> std::optional<std::uint32_t> {  // upload 3: a byte more
     client::Connection c = Opened();
     c.SetTimeout(120000);
-    if (!c.SendFrame(kvt::CMD_UPLOAD_SPOOL) || !c.SendText("Big" + std::to_string(i), 16) ||
-        !c.SendU32(std::uint32_t(body.size()) + (i == 3)) || !c.SendBytes(body.data(), body.size()) ||
-        (i == 3 && !c.SendBytes("x", 1)))
-      return std::nullopt;
-    return c.RecvByte();
+    return Upload(c, "Big" + std::to_string(i), i == 3 ? body + "x" : body);
   };
   auto register_ = [&](int i) {
     client::Connection c = Opened();

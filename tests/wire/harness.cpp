@@ -82,6 +82,13 @@ std::optional<int> WaitExit(pid_t pid, Milliseconds limit) {
   return std::nullopt;
 }
 
+// No more than `idle` holds: threads (bar the sanitizer's own), descriptors, and exactly as
+// many children.
+bool Within(const Holding& now, const Holding& idle) {
+  return std::get<0>(now) <= std::get<0>(idle) + KVT_SANITIZER_THREADS &&
+         std::get<1>(now) <= std::get<1>(idle) && std::get<2>(now) == std::get<2>(idle);
+}
+
 // Why a server of this kind cannot run here; empty when it can.
 std::string Unavailable(Kind kind) {
   if (kind == Kind::kLinux) return {};
@@ -184,15 +191,6 @@ Holding Holdings(pid_t pid) {
   return now;
 }
 
-namespace {
-// No more than `idle` holds: threads (bar the sanitizer's own), descriptors, and exactly as
-// many children.
-bool Within(const Holding& now, const Holding& idle) {
-  return std::get<0>(now) <= std::get<0>(idle) + KVT_SANITIZER_THREADS &&
-         std::get<1>(now) <= std::get<1>(idle) && std::get<2>(now) == std::get<2>(idle);
-}
-}  // namespace
-
 std::optional<Holding> IdleHoldings(pid_t pid) {
   const Holding first = Holdings(pid);
   Holding idle = first;  // once the connection's thread has gone, at most the runtime's is new
@@ -220,8 +218,6 @@ Outcome RunKvtctl(const std::vector<std::string>& args, const std::vector<std::s
 }
 
 Server::Server(Kind kind) : kind_(kind) {
-  fs::create_directories(cwd_);
-  fs::create_directories(Records().folder());
   // The folders the file commands work in, fresh for each server. Under Wine they are the
   // prefix's own; its temporary folder is Wine's too.
   if (kind_ == Kind::kWine) {
@@ -231,8 +227,7 @@ Server::Server(Kind kind) : kind_(kind) {
     fs::remove_all(data_ / "Corvina");
     fs::remove_all(programs_ / "KVT");
   }
-  fs::create_directories(data_ / "Corvina" / "spool");
-  fs::create_directories(Gamut());
+  for (const fs::path& folder : {cwd_, Records().folder(), Spool(), Gamut()}) fs::create_directories(folder);
 }
 
 Server::~Server() {

@@ -138,9 +138,7 @@ TEST_P(SoakTest, ManyClientsEveryCommand) {
   }
   std::cout << "soak: " << total << " requests in " << length.count() << " s, " << tally.errors
             << " errors; resident kB " << warm << " after warm-up, " << late << " late, " << end
-            << " once all left; "
-            << "idle threads, descriptors, children " << ::testing::PrintToString(*idle)
-            << ", after " << ::testing::PrintToString(Holdings(server.pid())) << std::endl;
+            << " once all left" << std::endl;
 }
 
 INSTANTIATE_TEST_SUITE_P(Soak, SoakTest, ::testing::Values(Kind::kLinux));
