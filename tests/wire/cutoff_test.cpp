@@ -79,7 +79,8 @@ TEST_P(CutTest, EveryCommandCutAtEveryByte) {
   for (const auto& [code, request, cut] : requests) {
     for (std::size_t k : CutPoints(request.size())) {
       SCOPED_TRACE("code " + std::to_string(code) + " cut after " + std::to_string(k));
-      const std::string answer = AnswerOf(kMarker + (code < 0 ? "" : Frame(code)) + request.substr(0, k));
+      const std::string frame = code < 0 ? "" : Frame(code);
+      const std::string answer = AnswerOf(kMarker + frame + request.substr(0, k));
       ASSERT_EQ(answer.substr(0, 1), "\x01");  // the server took this new connection
       // A gamut request whose name "Cut" came whole sends the file.
       const auto expected = code == 4 && k >= 103 ? sentGamut : cut.value_or(answer.substr(1));

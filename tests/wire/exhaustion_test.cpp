@@ -112,7 +112,8 @@ TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
   auto upload = [&](int i) -> std::optional<std::uint32_t> {  // upload 3: a byte more
     client::Connection c = Opened();
     c.SetTimeout(120000);
-    return Upload(c, "Big" + std::to_string(i), i == 3 ? body + "x" : body);
+    const std::string name = "Big" + std::to_string(i);  // no copy of the body but the one
+    return i == 3 ? Upload(c, name, body + "x") : Upload(c, name, body);
   };
   auto register_ = [&](int i) {
     client::Connection c = Opened();

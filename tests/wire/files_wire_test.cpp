@@ -57,8 +57,10 @@ TEST_P(FilesTest, GamutFiles) {
       {{"--big-endian", "gamut", "Proofs", "Over"}, 0, over, ""},
       {{"gamut", "Proofs", "Big", "-o", copy}, 0,
        copy + ": 67108864 bytes, modified 2023-11-14 22:13:22\n", ""},
-      {{"gamut", "Proofs", "Missing", "-o", none}, 1, "", "kvtctl: no gamut file Missing.gamut in Proofs\n"},
-      {{"gamut", "Proofs", "Empty", "-o", empty}, 0, empty + ": 0 bytes, modified 2023-11-14 22:13:20\n", ""},
+      {{"gamut", "Proofs", "Missing", "-o", none}, 1, "",
+       "kvtctl: no gamut file Missing.gamut in Proofs\n"},
+      {{"gamut", "Proofs", "Empty", "-o", empty}, 0,
+       empty + ": 0 bytes, modified 2023-11-14 22:13:20\n", ""},
       {{"gamut", "Proofs", "Over", "-o", "/nonexistent/out"}, 1, "",
        "kvtctl: cannot write /nonexistent/out: No such file or directory\n"}};
   for (const auto& [args, status, out, err] : runs) {

@@ -25,16 +25,15 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The test's environment less the folders a server takes from it, plus `extra`.
-std::vector<std::string> Environment(const std::vector<std::string>& extra) {
-  std::vector<std::string> env;
+// `extra`, then the test's environment less the folders a server takes from it (the first
+// entry of a name is the one that counts).
+std::vector<std::string> Environment(std::vector<std::string> env) {
   for (char** e = environ; *e != nullptr; ++e) {
     std::string_view var(*e);
     if (!var.starts_with("ProgramData=") && !var.starts_with("ProgramFiles") &&
         !var.starts_with("TMPDIR="))
       env.emplace_back(var);
   }
-  env.insert(env.end(), extra.begin(), extra.end());
   return env;
 }
 
@@ -227,7 +226,8 @@ Server::Server(Kind kind) : kind_(kind) {
     fs::remove_all(data_ / "Corvina");
     fs::remove_all(programs_ / "KVT");
   }
-  for (const fs::path& folder : {cwd_, Records().folder(), Spool(), Gamut()}) fs::create_directories(folder);
+  for (const fs::path& folder : {cwd_, Records().folder(), Spool(), Gamut()})
+    fs::create_directories(folder);
 }
 
 Server::~Server() {
@@ -245,7 +245,9 @@ fs::path Server::Standin(const char* onLinux, const char* onWindows) const {
   return fs::path(KVT_WINDOWS_SERVER).parent_path() / "tests" / "standins" / onWindows;
 }
 
-void Server::InstallTool() const { InstallProgram(Standin(KVT_LINUX_STANDIN, "ShadeProof.exe"), Tool()); }
+void Server::InstallTool() const {
+  InstallProgram(Standin(KVT_LINUX_STANDIN, "ShadeProof.exe"), Tool());
+}
 
 fs::path Server::InstallJobfeeder(const fs::path& folder) const {
   const fs::path standin = Standin(KVT_LINUX_JOBFEEDER, "jobfeeder.exe");

@@ -89,7 +89,8 @@ const std::string kUser = ::getpwuid(::geteuid())->pw_name;
 
 // Submits a job, held unless told; its number ("" with a failed expectation when lp refuses).
 std::string Hold(const std::string& queue, const std::string& title, bool held = true) {
-  const std::string out = Shell("echo x | lp " + (held ? "-H hold -d "s : "-d ") + queue + " -t '" + title + "'");
+  const std::string options = held ? "-H hold -d " : "-d ";
+  const std::string out = Shell("echo x | lp " + options + queue + " -t '" + title + "'");
   std::smatch id;
   EXPECT_TRUE(std::regex_search(out, id, std::regex(queue + "-([0-9]+)"))) << out;
   return id.empty() ? "" : id[1].str();
@@ -223,7 +224,8 @@ TEST_P(InlineTest, ReferencePastTheTableAndAFolderStay) {
   Connection c = Opened();
   Jobs(c);
   EXPECT_EQ(client::CancelJobOrSpoolFile(c, "*0-1"), std::optional<std::uint8_t>(0));
-  EXPECT_EQ(client::DeleteServerFile(c, server_->ServerPath(server_->Spool())), std::optional<std::uint8_t>(0));
+  EXPECT_EQ(client::DeleteServerFile(c, server_->ServerPath(server_->Spool())),
+            std::optional<std::uint8_t>(0));
   EXPECT_TRUE(fs::exists(server_->Spool()));
   EXPECT_TRUE(client::Quit(c, "first", "second")) << c.error();
 }
