@@ -19,7 +19,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;
-using Words = std::vector<std::string>;
 
 // A group under a cgroup v1 controller with one limit; no folder when the machine has none
 // that can be written. Removed, its server stopped first, once its processes have ended.

@@ -51,7 +51,6 @@ TEST_P(FaultTest, SpoolFolderThatCannotBeWritten) {
   // Root ignores permission bits: read-only is a read-only mount, in a mount namespace of
   // the server's own. A disk fills up as /dev/full under the stored name, as a small tmpfs,
   // or as the file-size limit (which must fail the write, not end the server with SIGXFSZ).
-  using Words = std::vector<std::string>;
   const fs::path spool = server_->Spool();
   auto mounted = [&](const std::string& mount) {
     return Words{"unshare", "-m", "--propagation", "private", "sh", "-c",

@@ -18,6 +18,7 @@ namespace kvt::wire {
 using namespace ::kvt::test;
 
 enum class Kind { kLinux, kWine };
+using Words = std::vector<std::string>;  // a command line's words, or the lines of records
 
 // The threads, open descriptors and child processes (zombies among them) of a Linux process.
 using Holding = std::tuple<long, long, int>;

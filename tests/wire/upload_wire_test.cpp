@@ -10,7 +10,6 @@ namespace kvt::wire {
 namespace {
 
 using client::Connection;
-using Lines = std::vector<std::string>;
 
 class SpoolTest : public ServerSuite {
  protected:
@@ -33,7 +32,7 @@ TEST_P(SpoolTest, UploadStoresTheBodyAndStartsJobfeeder) {
   std::size_t starts = 0;
   auto startedOnce = [&] {
     server_->Records().WaitForStarts(++starts);
-    return server_->Records().Starts() == Lines(starts);
+    return server_->Records().Starts() == Words(starts);
   };
   for (const auto& [marker, name] : {std::pair{client::kLittleEndianMarker, "123456789012345"},
                                      std::pair{client::kBigEndianMarker, "Big"}}) {
@@ -47,8 +46,8 @@ TEST_P(SpoolTest, UploadStoresTheBodyAndStartsJobfeeder) {
   // kvtctl, under a given name and (as a big-endian client) under one the server hands out.
   const std::string file = server_->Records().folder() / "job.spl", body = Pattern(300000, 3);
   WriteFile(file, body);
-  for (const auto& [args, stored] : {std::pair{Lines{"upload", file, "--name", "Kvtctl"}, "(Kvtctl)"},
-                                     std::pair{Lines{"--big-endian", "upload", file}, "([0-9]{15})"}}) {
+  for (const auto& [args, stored] : {std::pair{Words{"upload", file, "--name", "Kvtctl"}, "(Kvtctl)"},
+                                     std::pair{Words{"--big-endian", "upload", file}, "([0-9]{15})"}}) {
     const Outcome run = RunKvtctl(args);
     std::smatch as;
     EXPECT_EQ(run.status, 0) << run.err;
@@ -80,7 +79,7 @@ TEST_P(SpoolTest, HandoffLetsJobfeederTalkToTheClient) {
   Connection c = Opened();
   EXPECT_EQ(Upload(c, "Upload", "x"), true);
   EXPECT_TRUE(c.SendClose()) << c.error();
-  EXPECT_EQ(server_->Records().WaitForStarts(4), (Lines{"\t-l", "\t-l", "\t-l", ""}));
+  EXPECT_EQ(server_->Records().WaitForStarts(4), (Words{"\t-l", "\t-l", "\t-l", ""}));
   // Neither a hand-off nor an upload leaves a descriptor, a thread or a zombie behind.
   if (onLinux) ExpectSettled(pid, idle);
 

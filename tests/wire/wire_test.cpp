@@ -11,7 +11,6 @@ namespace kvt::wire {
 namespace {
 
 using client::Connection;
-using Lines = std::vector<std::string>;
 using namespace std::string_literals;
 
 class WireTest : public ServerSuite {};
@@ -140,7 +139,7 @@ TEST_P(OwnServerTest, RunModesByExitStatus) {
   // "kvtnetd " and the arguments: 399 characters fit, 400 do not; nor do 29 words. The
   // service commands (-s, -c, -k, -d) have tests of their own. Only the debug server logs.
   const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
-      {{"-S"}, 0, ""}, {{"-debugx"}, 0, ""}, {Lines(28, "w"), 0, ""}, {Lines(29, "w"), 87, ""},
+      {{"-S"}, 0, ""}, {{"-debugx"}, 0, ""}, {Words(28, "w"), 0, ""}, {Words(29, "w"), 87, ""},
       {{std::string(391, 'x')}, 0, ""}, {{std::string(392, 'x')}, 87, ""},
       {{"-debug", std::string(400, 'x')}, 87, ""},  // too long wins over the debug server
       {{"-debug"}, 255, "KVTnetd: No socket opened"}};
