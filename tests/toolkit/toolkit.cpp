@@ -41,19 +41,11 @@ std::string ReadFile(const fs::path& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-namespace {
-
-void SetTime(const fs::path& file, std::uint32_t mtime) {
-  using namespace std::chrono;
-  fs::last_write_time(file, file_clock::from_sys(sys_seconds{seconds{mtime}}));
-}
-
-}  // namespace
-
 void WriteFile(const fs::path& file, std::string_view content, std::optional<std::uint32_t> mtime) {
+  using namespace std::chrono;
   fs::create_directories(file.parent_path());
   std::ofstream(file, std::ios::binary) << content;
-  if (mtime) SetTime(file, *mtime);
+  if (mtime) fs::last_write_time(file, file_clock::from_sys(sys_seconds{seconds{*mtime}}));
 }
 
 void InstallProgram(const fs::path& from, const fs::path& to) {

@@ -15,7 +15,7 @@ namespace {
 using namespace std::string_literals;
 
 constexpr std::uint32_t kTime = 1700000000;
-const std::string kZero(1, '\0'), kZero4(4, '\0'), kZero8(8, '\0');
+const std::string kZero(1, '\0'), kZero4(4, '\0'), kZero8(8, '\0'), kMarker = "\x04\x03\x02\x01";
 
 // The cut points of a request of `size` bytes: every one up to 64, then about two dozen; a
 // request of no bytes is sent whole and the client leaves before the answer.
@@ -62,7 +62,7 @@ TEST_P(CutTest, EveryCommandCutAtEveryByte) {
   const auto spoolBefore = Listing(server_->Spool());
   TakeTables(server_->TableFolder());
   // The opening marker cut short: nothing is answered and the connection ends.
-  for (std::size_t k = 0; k < 4; ++k) EXPECT_EQ(AnswerOf(std::string("\x04\x03\x02\x01", k)), "");
+  for (std::size_t k = 0; k < 4; ++k) EXPECT_EQ(AnswerOf(kMarker.substr(0, k)), "");
   // What each request cut short is answered: a short name, path or length refuses; the
   // other commands are served with zeros for what did not come, the colour tool being
   // absent. Commands without a request are sent whole (their answers are checked elsewhere).
@@ -79,8 +79,8 @@ TEST_P(CutTest, EveryCommandCutAtEveryByte) {
   for (const auto& [code, request, cut] : requests) {
     for (std::size_t k : CutPoints(request.size())) {
       SCOPED_TRACE("code " + std::to_string(code) + " cut after " + std::to_string(k));
-      const std::string answer =
-          AnswerOfCutRequest((code < 0 ? "" : Frame(code)) + request.substr(0, k));
+      const std::string frame = code < 0 ? "" : Frame(code);
+      const std::string answer = AnswerOf(kMarker + frame + request.substr(0, k));
       ASSERT_EQ(answer.substr(0, 1), "\x01");  // the server took this new connection
       // A gamut request whose name "Cut" came whole sends the file.
       const auto expected = code == 4 && k >= 103 ? sentGamut : cut.value_or(answer.substr(1));
@@ -93,6 +93,15 @@ TEST_P(CutTest, EveryCommandCutAtEveryByte) {
   EXPECT_EQ(Listing(server_->Spool()), spoolBefore);
   EXPECT_EQ(ReadFile(server_->Spool() / "Keep.spl"), "the old spool file");
   EXPECT_EQ(ReadFile(victim), "victim");
+  {
+    // Then 64 clients at once, each answered while all the earlier ones are still open: code
+    // 12 brings nothing (the close would see it). Half close, the others leave without a word.
+    std::vector<client::Connection> clients(64);
+    for (client::Connection& c : clients)
+      ASSERT_TRUE(c.Connect("127.0.0.1") && c.Open() && c.SendFrame(12)) << c.error();
+    for (std::size_t i = 0; i < clients.size(); i += 2)
+      EXPECT_TRUE(clients[i].SendClose()) << clients[i].error();
+  }
   ExpectSettled(server_->pid(), *idle);  // nothing of the ended connections stays
 }
 
@@ -157,7 +166,7 @@ TEST_P(CutTest, BadValuesGetTheirDesignedAnswer) {
   const std::regex fresh(std::string("[0-9]{15}") + '\0'), nothing("");
   for (const Row& row : rows) {
     const std::string head = "\x01" + row.answer;
-    const std::string answer = AnswerOfCutRequest(row.request + (row.next ? Frame(5) : ""));
+    const std::string answer = AnswerOf(kMarker + row.request + (row.next ? Frame(5) : ""));
     EXPECT_TRUE(answer.starts_with(head) &&
                 std::regex_match(answer.substr(head.size()), row.next ? fresh : nothing))
         << row.what << ": " << ::testing::PrintToString(answer);
@@ -178,8 +187,7 @@ TEST_P(CutTest, BadValuesGetTheirDesignedAnswer) {
   fs::remove(server_->Pointer());  // Wine's data folder outlives the server
 }
 
-INSTANTIATE_TEST_SUITE_P(Linux, CutTest, ::testing::Values(Kind::kLinux));
-INSTANTIATE_TEST_SUITE_P(Wine, CutTest, ::testing::Values(Kind::kWine));
+KVT_ON_BOTH_KINDS(CutTest);
 
 }  // namespace
 }  // namespace kvt::wire

@@ -43,13 +43,6 @@ class FaultTest : public KindTest {
     EXPECT_EQ(server_->Records().WaitForStarts(before + more + 1).size(), before + more + 1);
     EXPECT_TRUE(server_->Running()) << server_->Errors();
   }
-  // The server serves a new connection (asked first: a server that is just ending may still
-  // be running) and runs.
-  void ExpectServing() {
-    client::Connection c = Opened();
-    ExpectWaiting(c);
-    EXPECT_TRUE(server_->Running()) << server_->Errors();
-  }
   std::unique_ptr<Server> server_;
   fs::path jobfeeder_;
 };
@@ -58,7 +51,6 @@ TEST_P(FaultTest, SpoolFolderThatCannotBeWritten) {
   // Root ignores permission bits: read-only is a read-only mount, in a mount namespace of
   // the server's own. A disk fills up as /dev/full under the stored name, as a small tmpfs,
   // or as the file-size limit (which must fail the write, not end the server with SIGXFSZ).
-  using Words = std::vector<std::string>;
   const fs::path spool = server_->Spool();
   auto mounted = [&](const std::string& mount) {
     return Words{"unshare", "-m", "--propagation", "private", "sh", "-c",
@@ -186,14 +178,10 @@ TEST_P(FaultTest, SchedulerStoppedMidRun) {
   if (std::string why = scheduler.Run("up"); !why.empty()) GTEST_SKIP() << why;
   const char* shared = std::getenv("CUPS_SERVER");
   ::setenv("CUPS_SERVER", (scheduler.dir + "/cups.sock").c_str(), 1);
-  std::string error = server_->StartListening();
+  const std::string error = server_->StartListening();
   shared ? ::setenv("CUPS_SERVER", shared, 1) : ::unsetenv("CUPS_SERVER");
   ASSERT_EQ(error, "");
-  auto listed = [&](client::Connection& c) {
-    std::optional<std::string> block = client::ListJobRecords(c, &error);
-    EXPECT_TRUE(block) << error;
-    return block ? block->size() / client::kJobRecordSize : 99;
-  };
+  auto listed = [](client::Connection& c) { return Jobs(c).size() / client::kJobRecordSize; };
   // Wine's winspool lists no jobs at all: there only the listing's answer is checked.
   const std::size_t jobs = OnWine() ? 0 : 1;
   client::Connection c = Opened();
@@ -209,11 +197,11 @@ TEST_P(FaultTest, SchedulerStoppedMidRun) {
   client::Connection again = Opened();
   EXPECT_EQ(listed(again), jobs);
   for (client::Connection* open : {&c, &later, &again}) EXPECT_TRUE(open->SendClose());
-  ExpectServing();
+  ExpectWaiting(again = Opened());  // asked first: a server that is just ending still runs
+  EXPECT_TRUE(server_->Running()) << server_->Errors();
 }
 
-INSTANTIATE_TEST_SUITE_P(Linux, FaultTest, ::testing::Values(Kind::kLinux));
-INSTANTIATE_TEST_SUITE_P(Wine, FaultTest, ::testing::Values(Kind::kWine));
+KVT_ON_BOTH_KINDS(FaultTest);
 
 }  // namespace
 }  // namespace kvt::wire

@@ -49,23 +49,26 @@ TEST_P(FilesTest, GamutFiles) {
     EXPECT_TRUE(c.SendClose()) << c.error();
   }
   EXPECT_LT(MemoryKb(server_->pid(), "VmHWM") - before, 16 << 10) << "kB";
-  Outcome run = RunKvtctl({"--big-endian", "gamut", "Proofs", "Over"});  // to standard output
-  EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_TRUE(run.out == over);
-  const fs::path copy = server_->Gamut() / "copy", out = server_->Gamut() / "out";
-  run = RunKvtctl({"gamut", "Proofs", "Big", "-o", copy.string()}, {"TZ=UTC"});
-  EXPECT_EQ(run.out, copy.string() + ": 67108864 bytes, modified 2023-11-14 22:13:22\n") << run.err;
+  // kvtctl: to standard output, or into a file (none for a missing one, an empty one for an
+  // empty one).
+  const std::string copy = server_->Gamut() / "copy", none = server_->Gamut() / "none",
+                    empty = server_->Gamut() / "empty";
+  const std::tuple<std::vector<std::string>, int, std::string, std::string> runs[] = {
+      {{"--big-endian", "gamut", "Proofs", "Over"}, 0, over, ""},
+      {{"gamut", "Proofs", "Big", "-o", copy}, 0,
+       copy + ": 67108864 bytes, modified 2023-11-14 22:13:22\n", ""},
+      {{"gamut", "Proofs", "Missing", "-o", none}, 1, "",
+       "kvtctl: no gamut file Missing.gamut in Proofs\n"},
+      {{"gamut", "Proofs", "Empty", "-o", empty}, 0,
+       empty + ": 0 bytes, modified 2023-11-14 22:13:20\n", ""},
+      {{"gamut", "Proofs", "Over", "-o", "/nonexistent/out"}, 1, "",
+       "kvtctl: cannot write /nonexistent/out: No such file or directory\n"}};
+  for (const auto& [args, status, out, err] : runs) {
+    const Outcome run = RunKvtctl(args, {"TZ=UTC"});
+    EXPECT_TRUE(run.status == status && run.out == out && run.err == err) << args.back() << run.err;
+  }
   EXPECT_TRUE(ReadFile(copy) == big);
-  run = RunKvtctl({"gamut", "Proofs", "Missing", "-o", out.string()});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(run.err, "kvtctl: no gamut file Missing.gamut in Proofs\n");
-  EXPECT_FALSE(fs::exists(out));
-  run = RunKvtctl({"gamut", "Proofs", "Empty", "-o", out.string()}, {"TZ=UTC"});  // found, empty
-  EXPECT_EQ(run.out, out.string() + ": 0 bytes, modified 2023-11-14 22:13:20\n") << run.err;
-  EXPECT_TRUE(fs::exists(out));
-  run = RunKvtctl({"gamut", "Proofs", "Over", "-o", "/nonexistent/out"});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(run.err, "kvtctl: cannot write /nonexistent/out: No such file or directory\n");
+  EXPECT_TRUE(!fs::exists(none) && fs::exists(empty));
 }
 
 TEST_P(FilesTest, ConfigurationListing) {
@@ -156,8 +159,7 @@ TEST_P(FilesTest, ColorTableRegistration) {
   fs::remove_all(tables);
 }
 
-INSTANTIATE_TEST_SUITE_P(Linux, FilesTest, ::testing::Values(Kind::kLinux));
-INSTANTIATE_TEST_SUITE_P(Wine, FilesTest, ::testing::Values(Kind::kWine));
+KVT_ON_BOTH_KINDS(FilesTest);
 
 }  // namespace
 }  // namespace kvt::wire

@@ -9,11 +9,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
 #include <regex>
 #include <sstream>
 
+#include "client/print_client.h"
 #include "client/spool_client.h"
 #include "platform/net.h"
 
@@ -25,21 +25,15 @@ namespace {
 
 using namespace std::chrono_literals;
 
-fs::path MakeTempFolder() {
-  std::string pattern = fs::temp_directory_path() / "kvt-wire-XXXXXX";  // in TMPDIR, else /tmp
-  return ::mkdtemp(pattern.data()) ? fs::path(pattern) : fs::path();
-}
-
-// The test's environment less the folders a server takes from it, plus `extra`.
-std::vector<std::string> Environment(const std::vector<std::string>& extra) {
-  std::vector<std::string> env;
+// `extra`, then the test's environment less the folders a server takes from it (the first
+// entry of a name is the one that counts).
+std::vector<std::string> Environment(std::vector<std::string> env) {
   for (char** e = environ; *e != nullptr; ++e) {
     std::string_view var(*e);
     if (!var.starts_with("ProgramData=") && !var.starts_with("ProgramFiles") &&
         !var.starts_with("TMPDIR="))
       env.emplace_back(var);
   }
-  env.insert(env.end(), extra.begin(), extra.end());
   return env;
 }
 
@@ -87,6 +81,13 @@ std::optional<int> WaitExit(pid_t pid, Milliseconds limit) {
   return std::nullopt;
 }
 
+// No more than `idle` holds: threads (bar the sanitizer's own), descriptors, and exactly as
+// many children.
+bool Within(const Holding& now, const Holding& idle) {
+  return std::get<0>(now) <= std::get<0>(idle) + KVT_SANITIZER_THREADS &&
+         std::get<1>(now) <= std::get<1>(idle) && std::get<2>(now) == std::get<2>(idle);
+}
+
 // Why a server of this kind cannot run here; empty when it can.
 std::string Unavailable(Kind kind) {
   if (kind == Kind::kLinux) return {};
@@ -119,10 +120,6 @@ std::string Receive(client::Connection& c, std::size_t count) {
   return answer;
 }
 
-std::string AnswerOfCutRequest(const std::string& request) {
-  return AnswerOf("\x04\x03\x02\x01" + request);
-}
-
 std::optional<bool> Upload(client::Connection& c, std::string_view name, const std::string& body) {
   std::size_t at = 0;
   auto source = [&](char* buffer, std::size_t size) {
@@ -133,6 +130,13 @@ std::optional<bool> Upload(client::Connection& c, std::string_view name, const s
   auto stored = client::UploadSpool(c, name, std::uint32_t(body.size()), source, {}, &error);
   EXPECT_TRUE(stored.has_value()) << error;
   return stored;
+}
+
+std::string Jobs(client::Connection& c) {
+  std::string error;
+  std::optional<std::string> records = client::ListJobRecords(c, &error);
+  EXPECT_TRUE(records) << error;
+  return records.value_or("");
 }
 
 std::string AnswerOf(const std::string& bytes) {
@@ -164,62 +168,41 @@ void ServerSuite::SetUp() {
 }
 
 void ServerSuite::TearDown() {
-  if (server_) {
-    EXPECT_TRUE(server_->Running()) << "the server ended; " << server_->Errors();
-  }
+  EXPECT_TRUE(!server_ || server_->Running()) << "the server ended; " << server_->Errors();
 }
 
 void ServerSuite::TearDownTestSuite() {
-  if (server_) {
-    EXPECT_EQ(server_->Stop(), "");
-  }
+  EXPECT_EQ(server_ ? server_->Stop() : "", "");
   server_.reset();
   startError_.clear();
 }
 
-std::tuple<long, long, int> Holdings(pid_t pid) {
+Holding Holdings(pid_t pid) {
+  // Each thread's children, zombies among them, are listed in its task folder.
   const fs::path proc = "/proc/" + std::to_string(pid);
-  auto count = [](const fs::path& dir) {
-    return long(std::distance(fs::directory_iterator(dir), {}));
-  };
-  int children = 0;
-  for (const auto& process : fs::directory_iterator("/proc")) {
-    if (!std::isdigit(static_cast<unsigned char>(process.path().filename().string()[0]))) continue;
-    std::string stat;
-    try {
-      stat = ReadFile(process.path() / "stat");
-    } catch (const std::ios_base::failure&) {  // the process ended while being read
-      continue;
-    }
-    std::istringstream fields(stat.substr(std::min(stat.rfind(')') + 1, stat.size())));
-    std::string state;
-    pid_t parent = 0;
-    children += fields >> state >> parent && parent == pid;
+  Holding now{0, std::distance(fs::directory_iterator(proc / "fd"), {}), 0};
+  std::error_code ended;  // a thread may end while it is read
+  for (const auto& task : fs::directory_iterator(proc / "task", ended)) {
+    ++std::get<0>(now);
+    std::istringstream children(ReadFile(task.path() / "children"));
+    for (pid_t child; children >> child;) ++std::get<2>(now);
   }
-  return {count(proc / "task"), count(proc / "fd"), children};
+  return now;
 }
 
-std::optional<std::tuple<long, long, int>> IdleHoldings(pid_t pid) {
-  const auto first = Holdings(pid);
-  if (!client::Ping("127.0.0.1", client::kDefaultPort, client::ByteOrder::kLittle).empty())
-    return std::nullopt;
-  auto idle = first;  // once the connection's thread has gone, at most the runtime's is new
-  if (!WaitUntil([&] {
-        idle = Holdings(pid);
-        return std::get<0>(idle) <= std::get<0>(first) + KVT_SANITIZER_THREADS &&
-               std::get<1>(idle) == std::get<1>(first) && std::get<2>(idle) == std::get<2>(first);
-      }, 10s))
-    return std::nullopt;
-  return idle;
+std::optional<Holding> IdleHoldings(pid_t pid) {
+  const Holding first = Holdings(pid);
+  Holding idle = first;  // once the connection's thread has gone, at most the runtime's is new
+  if (client::Ping("127.0.0.1", client::kDefaultPort, client::ByteOrder::kLittle).empty() &&
+      WaitUntil([&] { return Within(idle = Holdings(pid), first); }, 10s))
+    return idle;
+  return std::nullopt;
 }
 
-void ExpectSettled(pid_t pid, const std::tuple<long, long, int>& idle) {
-  auto now = idle;
-  EXPECT_TRUE(WaitUntil([&] {
-    now = Holdings(pid);
-    return std::get<0>(now) <= std::get<0>(idle) + KVT_SANITIZER_THREADS &&
-           std::get<1>(now) <= std::get<1>(idle) && std::get<2>(now) == std::get<2>(idle);
-  })) << "threads, descriptors, children " << ::testing::PrintToString(now) << ", idle "
+void ExpectSettled(pid_t pid, const Holding& idle) {
+  Holding now;
+  EXPECT_TRUE(WaitUntil([&] { return Within(now = Holdings(pid), idle); }))
+      << "threads, descriptors, children " << ::testing::PrintToString(now) << ", idle "
       << ::testing::PrintToString(idle);
 }
 
@@ -233,14 +216,7 @@ Outcome RunKvtctl(const std::vector<std::string>& args, const std::vector<std::s
   return run;
 }
 
-Server::Server(Kind kind)
-    : kind_(kind),
-      root_(MakeTempFolder()),
-      cwd_(root_ / "cwd"),
-      data_(root_ / "data"),
-      programs_(root_ / "programs") {
-  fs::create_directories(cwd_);
-  fs::create_directories(Records().folder());
+Server::Server(Kind kind) : kind_(kind) {
   // The folders the file commands work in, fresh for each server. Under Wine they are the
   // prefix's own; its temporary folder is Wine's too.
   if (kind_ == Kind::kWine) {
@@ -250,36 +226,31 @@ Server::Server(Kind kind)
     fs::remove_all(data_ / "Corvina");
     fs::remove_all(programs_ / "KVT");
   }
-  fs::create_directories(data_ / "Corvina" / "spool");
-  fs::create_directories(Gamut());
+  for (const fs::path& folder : {cwd_, Records().folder(), Spool(), Gamut()})
+    fs::create_directories(folder);
 }
 
 Server::~Server() {
   Stop();
   std::error_code ignored;
-  fs::remove_all(root_, ignored);
   if (kind_ == Kind::kWine) {
     fs::remove_all(data_ / "Corvina", ignored);
     fs::remove_all(programs_ / "KVT", ignored);
   }
 }
 
-namespace {
 // The Windows build keeps its stand-ins in tests/standins beside kvtnetd.exe.
-fs::path WindowsStandin(const char* name) {
-  return fs::path(KVT_WINDOWS_SERVER).parent_path() / "tests" / "standins" / name;
+fs::path Server::Standin(const char* onLinux, const char* onWindows) const {
+  if (kind_ == Kind::kLinux) return onLinux;
+  return fs::path(KVT_WINDOWS_SERVER).parent_path() / "tests" / "standins" / onWindows;
 }
-}  // namespace
 
 void Server::InstallTool() const {
-  InstallProgram(kind_ == Kind::kLinux ? fs::path(KVT_LINUX_STANDIN)
-                                       : WindowsStandin("ShadeProof.exe"),
-                 Tool());
+  InstallProgram(Standin(KVT_LINUX_STANDIN, "ShadeProof.exe"), Tool());
 }
 
 fs::path Server::InstallJobfeeder(const fs::path& folder) const {
-  const fs::path standin =
-      kind_ == Kind::kLinux ? fs::path(KVT_LINUX_JOBFEEDER) : WindowsStandin("jobfeeder.exe");
+  const fs::path standin = Standin(KVT_LINUX_JOBFEEDER, "jobfeeder.exe");
   const fs::path installed = folder / standin.filename();
   InstallProgram(standin, installed);
   WriteFile(Pointer(), ServerPath(folder) + "\n");
@@ -352,19 +323,21 @@ std::optional<int> Server::WaitExit() {
 std::string Server::Stop() {
   // A sanitizer's report (the server's own, or a stand-in's it started) fails the test even
   // when the program went on or the test never looked at its output.
-  if (pid_ > 0 || status_) {
-    const std::string errors = Errors();
-    if (errors.find("Sanitizer") != std::string::npos) ADD_FAILURE() << "the server's stderr: " << errors;
-  }
-  if (!Running()) {
-    status_.reset();
-    return {};
-  }
+  if ((pid_ > 0 || status_) && Errors().find("Sanitizer") != std::string::npos)
+    ADD_FAILURE() << "the server's stderr: " << Errors();
+  const bool running = Running();
+  status_.reset();
+  if (!running) return {};
   ::kill(pid_, SIGKILL);
   ::waitpid(pid_, nullptr, 0);
   pid_ = -1;
-  if (!WaitUntil([] { return !PortListening(); }, Patience()))
-    return "port 51470 is still taken after the server was killed";
+  return WaitUntil([] { return !PortListening(); }, Patience())
+             ? "" : "port 51470 is still taken after the server was killed";
+}
+
+std::string Server::Log() const {
+  for (const std::string& name : Listing(cwd_))
+    if (std::regex_match(name, std::regex("KVTnetd-S[0-9]{12}"))) return ReadFile(cwd_ / name);
   return {};
 }
 

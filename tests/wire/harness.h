@@ -6,7 +6,6 @@
 #include <sys/types.h>
 
 #include <memory>
-#include <ostream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -19,20 +18,18 @@ namespace kvt::wire {
 using namespace ::kvt::test;
 
 enum class Kind { kLinux, kWine };
-inline void PrintTo(Kind kind, std::ostream* out) {
-  *out << (kind == Kind::kWine ? "Wine" : "Linux");
-}
-
+using Words = std::vector<std::string>;  // a command line's words, or the lines of records
 
 // The threads, open descriptors and child processes (zombies among them) of a Linux process.
-std::tuple<long, long, int> Holdings(pid_t pid);
+using Holding = std::tuple<long, long, int>;
+Holding Holdings(pid_t pid);
 // A Linux server's holdings while no client is connected, taken once a connection has been
 // made and has ended: ThreadSanitizer's runtime starts a thread of its own with the first
 // connection's thread, and then belongs to the baseline. None when the server does not settle.
-std::optional<std::tuple<long, long, int>> IdleHoldings(pid_t pid);
+std::optional<Holding> IdleHoldings(pid_t pid);
 // Waits until a Linux server holds no more than `idle` (children exactly as many); a failed
 // expectation naming both when it does not within the deadline.
-void ExpectSettled(pid_t pid, const std::tuple<long, long, int>& idle);
+void ExpectSettled(pid_t pid, const Holding& idle);
 
 // A program run: exit status (128 + signal when killed) and what it printed.
 struct Outcome {
@@ -55,6 +52,8 @@ class Server {
   const fs::path& cwd() const { return cwd_; }  // the log goes here
   std::string Output() const { return ReadFile(cwd_ / "stdout"); }
   std::string Errors() const { return ReadFile(cwd_ / "stderr"); }
+  // The debug log in the working folder (not its console copy), empty when there is none yet.
+  std::string Log() const;
   Milliseconds Patience() const;  // how long a start or an exit may take
 
   // The server's gamut folder (Corvina/gamut below its common data folder).
@@ -90,8 +89,11 @@ class Server {
   std::string Stop();
 
  private:
+  fs::path Standin(const char* onLinux, const char* onWindows) const;
   Kind kind_;
-  fs::path root_, cwd_, data_, programs_;
+  ScratchFolder scratch_;  // removed with the server, once it is stopped
+  fs::path root_ = scratch_.path, cwd_ = root_ / "cwd", data_ = root_ / "data",
+           programs_ = root_ / "programs";
   std::vector<std::string> wrapper_;
   pid_t pid_ = -1;
   std::optional<int> status_;
@@ -102,16 +104,21 @@ client::Connection Opened(const client::Marker& marker = client::kLittleEndianMa
 // Nothing has arrived and the server serves the next frame: a fresh job name is the first
 // thing to come.
 void ExpectWaiting(client::Connection& c);
+// The job listing's records as sent (a failed expectation when the exchange fails).
+std::string Jobs(client::Connection& c);
 // Exactly `count` bytes of an answer (a failed expectation when they don't come).
 std::string Receive(client::Connection& c, std::size_t count);
 // Sends `bytes` on a new connection, then half-closes: all the server sends until it closes
-// the connection. AnswerOfCutRequest puts the little-endian marker first, so that its
-// answer starts with the opening byte.
+// the connection.
 std::string AnswerOf(const std::string& bytes);
-std::string AnswerOfCutRequest(const std::string& request);
 // An upload of `body` under `name` through the client library: true when stored, false when
 // refused, none (with a failed expectation) when the exchange broke.
 std::optional<bool> Upload(client::Connection& c, std::string_view name, const std::string& body);
+
+// A suite's tests against the Linux program and against the Windows program under Wine.
+#define KVT_ON_BOTH_KINDS(suite)                                            \
+  INSTANTIATE_TEST_SUITE_P(Linux, suite, ::testing::Values(Kind::kLinux)); \
+  INSTANTIATE_TEST_SUITE_P(Wine, suite, ::testing::Values(Kind::kWine))
 
 // Tests of one server kind; they skip when the kind can't run here.
 class KindTest : public ::testing::TestWithParam<Kind> {

@@ -124,9 +124,7 @@ TEST_P(SoakTest, ManyClientsEveryCommand) {
   const long end = MemoryKb(server.pid(), "VmRSS");
 
   EXPECT_EQ(tally.errors, 0) << "first: " << tally.first;
-  EXPECT_TRUE(WaitUntil([&] { return Holdings(server.pid()) == *idle; }, 10s))
-      << "threads, descriptors, children " << ::testing::PrintToString(Holdings(server.pid()))
-      << ", idle " << ::testing::PrintToString(*idle);
+  ExpectSettled(server.pid(), *idle);
   // Flat: what the allocator keeps for 64 threads may still move a little. A sanitizer's
   // allocator holds freed memory back for a while, so only the plain build's figures count.
   if (std::string_view(KVT_SANITIZE).empty()) {
@@ -140,9 +138,7 @@ TEST_P(SoakTest, ManyClientsEveryCommand) {
   }
   std::cout << "soak: " << total << " requests in " << length.count() << " s, " << tally.errors
             << " errors; resident kB " << warm << " after warm-up, " << late << " late, " << end
-            << " once all left; "
-            << "idle threads, descriptors, children " << ::testing::PrintToString(*idle)
-            << ", after " << ::testing::PrintToString(Holdings(server.pid())) << std::endl;
+            << " once all left" << std::endl;
 }
 
 INSTANTIATE_TEST_SUITE_P(Soak, SoakTest, ::testing::Values(Kind::kLinux));
