@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
-#include <new>
 #include <set>
 #include <vector>
 
@@ -212,22 +211,14 @@ bool Remove(const char* path) {
 Reader OpenForReading(const char* path) {
   std::lock_guard guard(lock);
   auto node = nodes.find(Normal(path));
-  if (node == nodes.end() || node->second.folder) {
-    errno = node == nodes.end() ? ENOENT : EISDIR;
-    return kNoReader;
-  }
+  if (node == nodes.end() || node->second.folder) return kNoReader;
   readers[nextReader] = {node->second.data, 0, node->second.readable};
   return nextReader++;
 }
 
 std::size_t Read(Reader file, void* buffer, std::size_t count) {
   std::lock_guard guard(lock);
-  auto reader = readers.find(file);
-  if (reader == readers.end()) {
-    errno = EBADF;
-    return 0;
-  }
-  OpenFile& r = reader->second;
+  OpenFile& r = readers.at(file);
   std::size_t end = std::min(r.data.size(), r.readable);
   std::size_t got = std::min(count, end - std::min(end, r.at));
   std::memcpy(buffer, r.data.data() + r.at, got);
@@ -247,25 +238,12 @@ namespace folders {
 
 bool StandardFolder(int selector, char* out, std::size_t size) {
   using namespace memory;
-  switch (selector) {
-    case 0:
-    case 7:
-    case 8:
-      return Fits(out, size, kProgramFolder);
-    case 1:
-      return Fits(out, size, kHome);
-    case 3:
-      return Fits(out, size, kCommonData);
-    case 4:
-      return Fits(out, size, std::string(kHome) + "/Documents");
-    case 5:
-      return Fits(out, size, std::string(kHome) + "/Desktop");
-    case 6:
-      return Fits(out, size, kProgramFiles);
-    default:
-      out[0] = '\0';
-      return false;
-  }
+  const std::string home = kHome;
+  const std::map<int, std::string> known = {
+      {0, kProgramFolder}, {7, kProgramFolder}, {8, kProgramFolder}, {1, home},
+      {3, kCommonData},    {4, home + "/Documents"}, {5, home + "/Desktop"}, {6, kProgramFiles}};
+  const auto folder = known.find(selector);
+  return Fits(out, size, folder == known.end() ? "" : folder->second) && folder != known.end();
 }
 
 bool ProgramPath(char* out, std::size_t size) { return Fits(out, size, memory::kProgramPath); }
@@ -301,8 +279,7 @@ Handle Start(const char* path, Match* first) {
   const std::string folder = slash == std::string::npos ? "/" : text.substr(0, slash);
   const std::string pattern = text.substr(slash == std::string::npos ? 0 : slash + 1);
   if (pattern.empty()) return nullptr;
-  auto* search = new (std::nothrow) Search;
-  if (search == nullptr) return nullptr;
+  auto* search = new Search;
   const std::string normal = Normal(folder);
   for (const std::string& name : memory::Listing(normal)) {
     if (name.size() >= sizeof(Match::name) || !Matches(pattern.c_str(), name.c_str())) continue;

@@ -161,11 +161,9 @@ int Recv(Socket s, void* buffer, int count) {
     End* peer = Find(e->peer);
     return e->read < e->inbox.size() || e->peerDone || peer == nullptr || peer->closed;
   };
-  if (e->timeoutMs > 0) {
-    if (!arrived.wait_for(guard, std::chrono::milliseconds(e->timeoutMs), ready)) return -1;
-  } else {
-    arrived.wait(guard, ready);
-  }
+  using std::chrono::milliseconds;  // without a time-out, a day
+  if (!arrived.wait_for(guard, milliseconds(e->timeoutMs > 0 ? e->timeoutMs : 86400000), ready))
+    return -1;
   std::size_t n = std::min(static_cast<std::size_t>(count), e->inbox.size() - e->read);
   if (e->receiveLimit > 0) n = std::min(n, e->receiveLimit);
   std::memcpy(buffer, e->inbox.data() + e->read, n);
@@ -254,13 +252,6 @@ Socket OpenSpare() {
 }
 
 void Refuse(Socket s) { Close(s); }
-
-std::uint16_t LocalPort(Socket s) {
-  std::lock_guard guard(lock);
-  End* e = Find(s);
-  if (e == nullptr || e->listening.empty()) return 0;
-  return static_cast<std::uint16_t>(std::stoi(e->listening.substr(e->listening.find(':') + 1)));
-}
 
 Socket Connect(const char*, std::uint16_t, int* error) {
   std::lock_guard guard(lock);

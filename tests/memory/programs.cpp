@@ -1,6 +1,7 @@
 // Programs of the in-memory machine: a start is recorded, never made. A program can be
 // started when a file lies at its path; one that is run and waited for ends with the exit
 // code set for it; one handed a socket takes it and ends.
+#include <atomic>
 #include <mutex>
 
 #include "internal.h"
@@ -14,9 +15,9 @@ namespace {
 
 std::mutex lock;
 std::vector<memory::Start> starts;
-std::uint32_t exitCode = 0;
-bool joins = false, failHandOffs = false;
-std::intptr_t nextProcess = 100;
+std::atomic<std::uint32_t> exitCode = 0;
+std::atomic<bool> joins = false, failHandOffs = false;
+std::atomic<std::intptr_t> nextProcess = 100;
 
 bool Record(memory::Start::Kind kind, const char* program, const char* const* argv,
             const char* commandLine = "") {
@@ -41,37 +42,20 @@ void internal::ResetPrograms() {
 
 const std::vector<Start>& Starts() { return starts; }
 
-void SetExitCode(std::uint32_t code) {
-  std::lock_guard guard(lock);
-  exitCode = code;
-}
-
-void SetJoinsEntries(bool value) {
-  std::lock_guard guard(lock);
-  joins = value;
-}
-
-void FailHandOffs(bool fail) {
-  std::lock_guard guard(lock);
-  failHandOffs = fail;
-}
+void SetExitCode(std::uint32_t code) { exitCode = code; }
+void SetJoinsEntries(bool value) { joins = value; }
+void FailHandOffs(bool fail) { failHandOffs = fail; }
 
 }  // namespace memory
 
-bool launch::JoinsEntries() {
-  std::lock_guard guard(lock);
-  return joins;
-}
+bool launch::JoinsEntries() { return joins; }
 
 std::intptr_t launch::StartNoWait(const char* program, const char* const* argv) {
-  if (!Record(memory::Start::kNoWait, program, argv)) return -1;
-  std::lock_guard guard(lock);
-  return nextProcess++;
+  return Record(memory::Start::kNoWait, program, argv) ? nextProcess++ : -1;
 }
 
 bool spawn::RunAndWait(const Call& call, std::uint32_t* code) {
   if (!Record(memory::Start::kAndWait, call.program, call.argv, call.commandLine)) return false;
-  std::lock_guard guard(lock);
   *code = exitCode;
   return true;
 }
@@ -79,7 +63,6 @@ bool spawn::RunAndWait(const Call& call, std::uint32_t* code) {
 handoff::Outcome handoff::RunWithSocket(const spawn::Call& call, net::Socket) {
   if (!Record(memory::Start::kHandOff, call.program, call.argv, call.commandLine))
     return Outcome::kNotStarted;
-  std::lock_guard guard(lock);
   return failHandOffs ? Outcome::kNotPassed : Outcome::kServed;
 }
 

@@ -26,24 +26,22 @@ class JobsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     memory::Reset();
-    Connect();
-  }
-  void TearDown() override { Disconnect(); }
-  void Connect() {
     link_.emplace();
-    record_ = link_->record;
+  }
+  void TearDown() override {
+    if (link_) Disconnect();
   }
   void Disconnect() {  // the connection's teardown closes its printers
-    net::Close(record_->socket);
-    EndConnection(record_);
+    net::Close(link_->record->socket);
+    EndConnection(link_->record);
     link_.reset();
   }
   std::vector<std::string> List() {
-    ListJobs(*record_);
+    ListJobs(*link_->record);
     const std::string answer = link_->Answer();
     EXPECT_GE(answer.size(), 4u);
     const std::size_t length =
-        GetClientU32(*record_, reinterpret_cast<const std::uint8_t*>(answer.data()));
+        GetClientU32(*link_->record, reinterpret_cast<const std::uint8_t*>(answer.data()));
     EXPECT_EQ(answer.size(), 4 + length);
     std::vector<std::string> records;
     for (std::size_t at = 4; at < answer.size(); at += sizeof(JobRecord))
@@ -53,11 +51,10 @@ class JobsTest : public ::testing::Test {
   int Cancel(std::string name) {
     name.resize(16, '\0');
     link_->Send(name);
-    CancelJobOrSpoolFile(*record_);
+    CancelJobOrSpoolFile(*link_->record);
     return link_->Answer()[0];
   }
   std::optional<test::Link> link_;
-  ConnectionRecord* record_ = nullptr;
 };
 
 // The status table in its order on one printer; on another, every field of a record.
@@ -85,7 +82,7 @@ TEST_F(JobsTest, StatusTableAndRecordFieldsBigEndian) {
   fake::Printers() = {{"P"}, {"Second", {named, {-5, 0, {}, "", "\\", ""}}}};
   for (int id = 0; id < int(std::size(cases)); ++id)
     fake::Printers()[0].jobs.push_back({id, cases[id].status, cases[id].text});
-  std::copy_n("\x01\x02\x03\x04", 4, record_->byteOrderMark);  // List() reads big-endian
+  std::copy_n("\x01\x02\x03\x04", 4, link_->record->byteOrderMark);  // List() reads big-endian
   std::vector<std::string> records = List();
   std::size_t r = 0;
   for (int id = 0; id < int(std::size(cases)); ++id) {
@@ -129,7 +126,6 @@ TEST_F(JobsTest, LimitsAndFailuresOfPrinters) {
   EXPECT_EQ(fake::Calls().back(), "Cancel(Broken, 2)");
   Disconnect();
   EXPECT_EQ(fake::OpenHandles(), 0);
-  Connect();
 }
 
 TEST_F(JobsTest, TableIsBuiltOnceAndReferencesUseIt) {
@@ -152,7 +148,7 @@ TEST_F(JobsTest, FailedPrinterListingAndMoreThan256Printers) {
   for (int i = 0; i < 300; ++i) fake::Printers().push_back({"P" + std::to_string(i), {{i}}});
   EXPECT_TRUE(List().empty());  // the table is not made again
   Disconnect();
-  Connect();  // a new connection sees the printers, the first 256 of them
+  link_.emplace();  // a new connection sees the printers, the first 256 of them
   std::vector<std::string> records = List();
   ASSERT_EQ(records.size(), 256u);
   EXPECT_EQ(JobName(records[255]), "*255-255");
