@@ -71,8 +71,6 @@ struct Pair {
 Pair Connect();
 // Sends `bytes` from `end` to its peer, then (when `shut`) closes the sending side.
 void Write(net::Socket end, std::string_view bytes, bool shut = false);
-// What has arrived at `end` and was not read yet, taken away.
-std::string Take(net::Socket end);
 // Bytes that arrive at `end` are counted and dropped (a client that never reads them).
 void Discard(net::Socket end);
 // Each receive at `end` gives at most `bytes` (short reads); 0: no limit.

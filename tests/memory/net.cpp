@@ -94,16 +94,6 @@ void Write(net::Socket end, std::string_view bytes, bool shut) {
   arrived.notify_all();
 }
 
-std::string Take(net::Socket end) {
-  std::lock_guard guard(lock);
-  End* e = Find(end);
-  if (e == nullptr) return {};
-  std::string bytes = e->inbox.substr(e->read);
-  e->inbox.clear();
-  e->read = 0;
-  return bytes;
-}
-
 void Discard(net::Socket end) {
   std::lock_guard guard(lock);
   if (End* e = Find(end)) e->discard = true;
@@ -199,11 +189,8 @@ int ResolveIPv4(const char* name, std::uint8_t (*addresses)[4], int max) {
   if (std::strcmp(name, "localhost") == 0) found = {0x7F000001};
   if (std::strcmp(name, "memhost") == 0) found = hostAddresses;
   int count = 0;
-  for (std::uint32_t a : found) {
-    if (count == max) break;
-    for (int i = 0; i < 4; ++i) addresses[count][i] = static_cast<std::uint8_t>(a >> (24 - 8 * i));
-    ++count;
-  }
+  for (; count < max && count < static_cast<int>(found.size()); ++count)
+    for (int i = 0; i < 4; ++i) addresses[count][i] = std::uint8_t(found[count] >> (24 - 8 * i));
   return count;
 }
 
@@ -255,13 +242,10 @@ void Refuse(Socket s) { Close(s); }
 
 Socket Connect(const char*, std::uint16_t, int* error) {
   std::lock_guard guard(lock);
-  if (offered.empty()) {
-    *error = 111;  // ECONNREFUSED
-    return kNoSocket;
-  }
+  *error = offered.empty() ? 111 : 0;  // ECONNREFUSED
+  if (offered.empty()) return kNoSocket;
   const Socket s = offered.front();
   offered.pop_front();
-  *error = 0;
   return s;
 }
 
