@@ -8,10 +8,8 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
-#include <set>
 #include <vector>
 
-#include "internal.h"
 #include "memory.h"
 #include "platform/files.h"
 #include "platform/folders.h"
@@ -36,9 +34,7 @@ struct OpenFile {
 
 std::mutex lock;
 std::map<std::string, Node> nodes;
-std::set<std::string> madeFolders;  // by the program: they stay across Reset, as on a disk
-std::map<std::string, Node> kept;   // what Reset brings back, once KeepFiles was called
-bool keeping = false, changed = true;
+bool changed = true;  // since nodes were last as kept
 std::map<int, OpenFile> readers;
 int nextReader = 3;
 std::size_t writable = SIZE_MAX;
@@ -70,6 +66,16 @@ void MakeFolders(const std::string& normal) {
   changed = true;
 }
 
+// What Reset brings back: the standard folders, those the program made (they stay, as on a
+// disk) and, once KeepFiles was called, every file and folder as it was then.
+std::map<std::string, Node> kept = [] {
+  using namespace memory;
+  for (const char* folder : {kProgramFolder, kCommonData, kProgramFiles, "/tmp"})
+    MakeFolders(folder);
+  for (const char* folder : {"/Documents", "/Desktop"}) MakeFolders(kHome + std::string(folder));
+  return nodes;
+}();
+
 // Writes as much as the disk takes; the number written.
 std::size_t Store(Node& node, const void* data, std::size_t size) {
   changed = true;
@@ -95,23 +101,13 @@ void internal::ResetFiles() {
   std::lock_guard guard(lock);
   readers.clear();
   writable = SIZE_MAX;
-  if (keeping) {
-    if (changed) nodes = kept;
-    changed = false;
-    return;
-  }
-  nodes.clear();
-  for (std::string folder : {kProgramFolder, kHome, kCommonData, kProgramFiles, "/tmp"})
-    MakeFolders(folder);
-  MakeFolders(std::string(kHome) + "/Documents");
-  MakeFolders(std::string(kHome) + "/Desktop");
-  for (const std::string& folder : madeFolders) MakeFolders(folder);
+  if (changed) nodes = kept;
+  changed = false;
 }
 
 void KeepFiles() {
   std::lock_guard guard(lock);
   kept = nodes;
-  keeping = true;
   changed = false;
 }
 
@@ -255,8 +251,7 @@ bool MakeFolder(const char* path) {
   if (nodes.count(normal) != 0) return true;  // as mkdir's EEXIST
   if (!IsFolder(Parent(normal))) return false;
   nodes[normal].folder = true;
-  madeFolders.insert(normal);
-  if (keeping) kept[normal].folder = true;  // the same in both: nothing to bring back
+  kept[normal].folder = true;  // the same in both: nothing to bring back
   return true;
 }
 

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <mutex>
 
-#include "internal.h"
 #include "memory.h"
 #include "platform/console.h"
 #include "platform/entropy.h"

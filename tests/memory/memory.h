@@ -95,4 +95,14 @@ void SetUsableMemory(std::uint64_t bytes);  // 1 GiB at first
 // The next `count` thread starts fail.
 void FailThreadStarts(int count);
 
+// What the parts of the machine tell each other; not for tests.
+namespace internal {
+void ResetFiles();
+void ResetSockets();
+void ResetPrograms();
+void ResetProcess(unsigned seed);
+// Whether a plain file lies at `path` (a program can be started from it).
+bool IsFile(const char* path);
+}  // namespace internal
+
 }  // namespace kvt::memory

@@ -10,7 +10,6 @@
 #include <map>
 #include <mutex>
 
-#include "internal.h"
 #include "memory.h"
 #include "platform/net.h"
 
