@@ -49,13 +49,9 @@ void LimitWrites(std::size_t bytes);
 void BreakReads(const std::string& path, std::size_t bytes);
 
 // ---- Programs ----
-// A program can be started when a file lies at its path.
-struct Start {
-  enum Kind { kNoWait, kAndWait, kHandOff } kind;
-  std::vector<std::string> argv;  // argv[0] is the program
-  std::string commandLine;        // what the Windows form would start
-};
-const std::vector<Start>& Starts();
+// A program can be started when a file lies at its path. Each start's entries (the program
+// first), in order:
+const std::vector<std::vector<std::string>>& Starts();
 // Programs run and waited for end with this code (0 at first).
 void SetExitCode(std::uint32_t code);
 // Whether the platform joins a program's entries into one command line, as Windows does.

@@ -13,16 +13,15 @@ namespace kvt {
 namespace {
 
 std::mutex lock;
-std::vector<memory::Start> starts;
+std::vector<std::vector<std::string>> starts;
 std::atomic<std::uint32_t> exitCode = 0;
 std::atomic<bool> joins = false, failHandOffs = false;
 std::atomic<std::intptr_t> nextProcess = 100;
 
-bool Record(memory::Start::Kind kind, const char* program, const char* const* argv,
-            const char* commandLine = "") {
+bool Record(const char* program, const char* const* argv) {
   if (program == nullptr || !memory::internal::IsFile(program)) return false;
-  memory::Start start{kind, {}, commandLine != nullptr ? commandLine : ""};
-  for (const char* const* a = argv; a != nullptr && *a != nullptr; ++a) start.argv.push_back(*a);
+  std::vector<std::string> start;
+  for (const char* const* a = argv; a != nullptr && *a != nullptr; ++a) start.push_back(*a);
   std::lock_guard guard(lock);
   starts.push_back(std::move(start));
   return true;
@@ -39,7 +38,7 @@ void internal::ResetPrograms() {
   joins = failHandOffs = false;
 }
 
-const std::vector<Start>& Starts() { return starts; }
+const std::vector<std::vector<std::string>>& Starts() { return starts; }
 
 void SetExitCode(std::uint32_t code) { exitCode = code; }
 void SetJoinsEntries(bool value) { joins = value; }
@@ -50,18 +49,17 @@ void FailHandOffs(bool fail) { failHandOffs = fail; }
 bool launch::JoinsEntries() { return joins; }
 
 std::intptr_t launch::StartNoWait(const char* program, const char* const* argv) {
-  return Record(memory::Start::kNoWait, program, argv) ? nextProcess++ : -1;
+  return Record(program, argv) ? nextProcess++ : -1;
 }
 
 bool spawn::RunAndWait(const Call& call, std::uint32_t* code) {
-  if (!Record(memory::Start::kAndWait, call.program, call.argv, call.commandLine)) return false;
+  if (!Record(call.program, call.argv)) return false;
   *code = exitCode;
   return true;
 }
 
 handoff::Outcome handoff::RunWithSocket(const spawn::Call& call, net::Socket) {
-  if (!Record(memory::Start::kHandOff, call.program, call.argv, call.commandLine))
-    return Outcome::kNotStarted;
+  if (!Record(call.program, call.argv)) return Outcome::kNotStarted;
   return failHandOffs ? Outcome::kNotPassed : Outcome::kServed;
 }
 

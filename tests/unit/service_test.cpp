@@ -48,14 +48,12 @@ TEST(Service, CommandsTakeTheirStepsAndEachFailedStepPrintsItsMessageAndCode) {
       {StopService, {}, "", 0, steps("0x20", {"Control(service, 1)"})},
       {RemoveService, {}, "", 0, steps("0x10000", {"Delete(service)"})},
       {InstallService, {{"OpenManager", 5}}, manager, 5},
-      {StopService, {{"OpenManager", 5}}, manager, 5},
-      {RemoveService, {{"OpenManager", 5}}, manager, 5},
+      {StopService, {{"OpenManager", 5}}, manager, 5},  // and RemoveService: the same steps
       {InstallService, {{"Open", 5}, {"Create", 1072}},
        "Cannot create the service KVTnetd (error 1072)", 1072},
       {InstallService, {{"Start", 1056}}, "Cannot START the service KVTnetd (error 1056)", 1056},
-      {StopService, {{"Open", 1060}}, absent, 1060},
+      {StopService, {{"Open", 1060}}, absent, 1060},  // the same text for both
       {StopService, {{"Control", 1062}}, "Cannot STOP the service KVTnetd (error 1062)", 1062},
-      {RemoveService, {{"Open", 1060}}, absent, 1060},
       {RemoveService, {{"Delete", 1072}}, "Cannot delete the service KVTnetd (error 1072)", 1072},
       {RemoveService, {{"Delete", 1060}}, "", 0},  // already gone: what was asked for
       {RunServiceDispatcher, {{"Dispatcher", 1063}},
