@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -37,7 +38,7 @@ std::map<std::string, Node> nodes;
 bool changed = true;  // since nodes were last as kept
 std::map<int, OpenFile> readers;
 int nextReader = 3;
-std::size_t writable = SIZE_MAX;
+std::atomic<std::size_t> writable = SIZE_MAX;  // bytes the disk still takes
 
 std::string Normal(const std::string& path) {
   constexpr auto kNone = std::string::npos;  // the common case, quickly: already normal
@@ -79,7 +80,7 @@ std::map<std::string, Node> kept = [] {
 // Writes as much as the disk takes; the number written.
 std::size_t Store(Node& node, const void* data, std::size_t size) {
   changed = true;
-  const std::size_t taken = size < writable ? size : writable;
+  const std::size_t taken = std::min(size, writable.load());
   if (writable != SIZE_MAX) writable -= taken;
   node = Node{};
   node.data.assign(static_cast<const char*>(data), taken);
@@ -153,10 +154,7 @@ int OpenReaders() {
   return static_cast<int>(readers.size());
 }
 
-void LimitWrites(std::size_t bytes) {
-  std::lock_guard guard(lock);
-  writable = bytes;
-}
+void LimitWrites(std::size_t bytes) { writable = bytes; }
 
 void BreakReads(const std::string& path, std::size_t bytes) {
   std::lock_guard guard(lock);
@@ -273,7 +271,6 @@ Handle Start(const char* path, Match* first) {
   const std::size_t slash = text.rfind('/');
   const std::string folder = slash == std::string::npos ? "/" : text.substr(0, slash);
   const std::string pattern = text.substr(slash == std::string::npos ? 0 : slash + 1);
-  if (pattern.empty()) return nullptr;
   auto* search = new Search;
   const std::string normal = Normal(folder);
   for (const std::string& name : memory::Listing(normal)) {

@@ -63,9 +63,7 @@ void process::RaiseDescriptorLimit() {}
 std::uint64_t process::UsableMemory() { return usableMemory; }
 
 bool process::LocalTimeNow(std::tm* out) {
-  *out = std::tm{};
-  out->tm_year = 126, out->tm_mon = 10, out->tm_mday = 25;  // 2026-11-25 09:30:00
-  out->tm_hour = 9, out->tm_min = 30;
+  *out = std::tm{};  // only the debug log asks, and no test runs one here
   return true;
 }
 
