@@ -28,32 +28,11 @@ constexpr std::string_view kNextClient("\xFE\xFD\xFC\xFB", 4);
 constexpr int kMaxClients = 4;
 constexpr const char* kJobfeeder = "/corvina/jobfeeder";
 constexpr const char* kTool = "/programs/KVT/ShadeProof/ShadeProof.exe";
+constexpr std::size_t kReceiveLimits[] = {0, 1, 7, 64};
 
-// The machine an input meets, from its first three bytes.
+// The machine an input meets, from its first three bytes: see MakeMachine.
 struct Setting {
   std::uint8_t a = 0x0C, b = 0, c = 0;  // with jobfeeder and the tool, nothing failing
-
-  std::size_t receiveLimit() const {
-    static constexpr std::size_t kLimits[] = {0, 1, 7, 64};
-    return kLimits[a & 3];
-  }
-  bool jobfeeder() const { return a & 0x04; }
-  bool tool() const { return a & 0x08; }
-  bool failHandOffs() const { return a & 0x10; }
-  bool joinsEntries() const { return a & 0x20; }
-  bool printersFail() const { return a & 0x40; }
-  bool clientResets() const { return a & 0x80; }  // the client takes only part of the answers
-  std::uint32_t exitCode() const {
-    static constexpr std::uint32_t kCodes[] = {0, 1, 2, 7, 127, 255, 256, 0xFFFFFFFF};
-    return kCodes[b & 7];
-  }
-  // The body budget is half of this: small enough that no input allocates much.
-  std::uint64_t memory() const { return std::uint64_t{64} << (10 + 4 * ((b >> 3) & 3)); }
-  int acceptFailures() const { return (b >> 5) & 3; }
-  bool diskFills() const { return b & 0x80; }
-  int hostAddresses() const { return c & 7; }
-  bool printerBroken() const { return c & 0x08; }
-  std::size_t resetAfter() const { return std::size_t{1} << (c >> 4); }
 };
 
 // The files every input starts from, made once: Reset brings them back after an input
@@ -87,28 +66,37 @@ void MakeFiles() {
 }
 
 void MakeMachine(const Setting& s) {
+  static constexpr std::uint32_t kCodes[] = {0, 1, 2, 7, 127, 255, 256, 0xFFFFFFFF};
   memory::Reset();
   NameCounter = 0;
-  if (!s.jobfeeder()) files::Remove(kJobfeeder);
-  if (!s.tool()) files::Remove(kTool);
-  memory::SetExitCode(s.exitCode());
-  memory::SetJoinsEntries(s.joinsEntries());
-  memory::FailHandOffs(s.failHandOffs());
-  memory::SetUsableMemory(s.memory());
-  if (s.diskFills()) memory::LimitWrites(2000);
-  const int failures = s.acceptFailures();
+  // a: bits 0-1 the receive limit (in the input loop), 2 jobfeeder there, 3 the tool there,
+  // 4 hand-offs fail, 5 entries joined into one command line, 6 the printer listing fails,
+  // 7 the client takes only part of the answers (the input loop).
+  if (!(s.a & 0x04)) files::Remove(kJobfeeder);
+  if (!(s.a & 0x08)) files::Remove(kTool);
+  memory::FailHandOffs(s.a & 0x10);
+  memory::SetJoinsEntries(s.a & 0x20);
+  fake::FailPrinterListing(s.a & 0x40);
+  // b: bits 0-2 the programs' exit code, 3-4 the usable memory (the body budget is half of
+  // it: small enough that no input allocates much), 5-6 accepts that fail (1), fail for lack
+  // of descriptors (2) or a thread that can't start (3), 7 the disk fills.
+  memory::SetExitCode(kCodes[s.b & 7]);
+  memory::SetUsableMemory(std::uint64_t{64} << (10 + 4 * ((s.b >> 3) & 3)));
+  const int failures = (s.b >> 5) & 3;
   if (failures == 3) memory::FailThreadStarts(1);
   else if (failures > 0) memory::FailAccepts(failures, failures == 2);
+  if (s.b & 0x80) memory::LimitWrites(2000);
+  // c: bits 0-2 the host's addresses, 3 printers that can't be opened or listed, 4-7 the
+  // client resets after 2^n bytes (the input loop).
   std::vector<std::uint32_t> addresses;
-  for (int i = 0; i < s.hostAddresses(); ++i) addresses.push_back(0xC0A80001 + std::uint32_t(i % 6));
+  for (int i = 0; i < (s.c & 7); ++i) addresses.push_back(0xC0A80001 + std::uint32_t(i % 6));
   memory::SetHostAddresses(addresses);
-
+  const bool broken = s.c & 0x08;
   fake::Printers() = {
       {"KvtProofA", {{7}, {8, spooler::kJobPaused, "paused"}, {9, spooler::kJobSpooling}}},
-      {"KvtProofB", {{10, spooler::kJobPrinting | spooler::kJobError}}, s.printerBroken()},
+      {"KvtProofB", {{10, spooler::kJobPrinting | spooler::kJobError}}, broken},
       {std::string(170, 'L'), {{11}}},
-      {"KvtProofC", {{12}}, false, s.printerBroken()}};
-  fake::FailPrinterListing(s.printersFail());
+      {"KvtProofC", {{12}}, false, broken}};
 }
 
 }  // namespace
@@ -135,8 +123,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     input.remove_prefix(end == std::string_view::npos ? input.size() : end + kNextClient.size());
     const memory::Pair pair = memory::Connect();
     memory::Discard(pair.client);
-    memory::LimitReceives(pair.server, setting.receiveLimit());
-    if (setting.clientResets()) memory::BreakAfter(pair.client, setting.resetAfter());
+    memory::LimitReceives(pair.server, kReceiveLimits[setting.a & 3]);
+    if (setting.a & 0x80) memory::BreakAfter(pair.client, std::size_t{1} << (setting.c >> 4));
     memory::Write(pair.client, conversation, true);
     memory::QueueForAccept(pair.server);
     clients.push_back(pair.client);

@@ -4,15 +4,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <map>
 #include <mutex>
-#include <new>
-#include <set>
 #include <vector>
 
-#include "internal.h"
 #include "memory.h"
 #include "platform/files.h"
 #include "platform/folders.h"
@@ -37,12 +35,10 @@ struct OpenFile {
 
 std::mutex lock;
 std::map<std::string, Node> nodes;
-std::set<std::string> madeFolders;  // by the program: they stay across Reset, as on a disk
-std::map<std::string, Node> kept;   // what Reset brings back, once KeepFiles was called
-bool keeping = false, changed = true;
+bool changed = true;  // since nodes were last as kept
 std::map<int, OpenFile> readers;
 int nextReader = 3;
-std::size_t writable = SIZE_MAX;
+std::atomic<std::size_t> writable = SIZE_MAX;  // bytes the disk still takes
 
 std::string Normal(const std::string& path) {
   constexpr auto kNone = std::string::npos;  // the common case, quickly: already normal
@@ -71,10 +67,20 @@ void MakeFolders(const std::string& normal) {
   changed = true;
 }
 
+// What Reset brings back: the standard folders, those the program made (they stay, as on a
+// disk) and, once KeepFiles was called, every file and folder as it was then.
+std::map<std::string, Node> kept = [] {
+  using namespace memory;
+  for (const char* folder : {kProgramFolder, kCommonData, kProgramFiles, "/tmp"})
+    MakeFolders(folder);
+  for (const char* folder : {"/Documents", "/Desktop"}) MakeFolders(kHome + std::string(folder));
+  return nodes;
+}();
+
 // Writes as much as the disk takes; the number written.
 std::size_t Store(Node& node, const void* data, std::size_t size) {
   changed = true;
-  const std::size_t taken = size < writable ? size : writable;
+  const std::size_t taken = std::min(size, writable.load());
   if (writable != SIZE_MAX) writable -= taken;
   node = Node{};
   node.data.assign(static_cast<const char*>(data), taken);
@@ -96,23 +102,13 @@ void internal::ResetFiles() {
   std::lock_guard guard(lock);
   readers.clear();
   writable = SIZE_MAX;
-  if (keeping) {
-    if (changed) nodes = kept;
-    changed = false;
-    return;
-  }
-  nodes.clear();
-  for (std::string folder : {kProgramFolder, kHome, kCommonData, kProgramFiles, "/tmp"})
-    MakeFolders(folder);
-  MakeFolders(std::string(kHome) + "/Documents");
-  MakeFolders(std::string(kHome) + "/Desktop");
-  for (const std::string& folder : madeFolders) MakeFolders(folder);
+  if (changed) nodes = kept;
+  changed = false;
 }
 
 void KeepFiles() {
   std::lock_guard guard(lock);
   kept = nodes;
-  keeping = true;
   changed = false;
 }
 
@@ -158,10 +154,7 @@ int OpenReaders() {
   return static_cast<int>(readers.size());
 }
 
-void LimitWrites(std::size_t bytes) {
-  std::lock_guard guard(lock);
-  writable = bytes;
-}
+void LimitWrites(std::size_t bytes) { writable = bytes; }
 
 void BreakReads(const std::string& path, std::size_t bytes) {
   std::lock_guard guard(lock);
@@ -212,22 +205,14 @@ bool Remove(const char* path) {
 Reader OpenForReading(const char* path) {
   std::lock_guard guard(lock);
   auto node = nodes.find(Normal(path));
-  if (node == nodes.end() || node->second.folder) {
-    errno = node == nodes.end() ? ENOENT : EISDIR;
-    return kNoReader;
-  }
+  if (node == nodes.end() || node->second.folder) return kNoReader;
   readers[nextReader] = {node->second.data, 0, node->second.readable};
   return nextReader++;
 }
 
 std::size_t Read(Reader file, void* buffer, std::size_t count) {
   std::lock_guard guard(lock);
-  auto reader = readers.find(file);
-  if (reader == readers.end()) {
-    errno = EBADF;
-    return 0;
-  }
-  OpenFile& r = reader->second;
+  OpenFile& r = readers.at(file);
   std::size_t end = std::min(r.data.size(), r.readable);
   std::size_t got = std::min(count, end - std::min(end, r.at));
   std::memcpy(buffer, r.data.data() + r.at, got);
@@ -247,25 +232,12 @@ namespace folders {
 
 bool StandardFolder(int selector, char* out, std::size_t size) {
   using namespace memory;
-  switch (selector) {
-    case 0:
-    case 7:
-    case 8:
-      return Fits(out, size, kProgramFolder);
-    case 1:
-      return Fits(out, size, kHome);
-    case 3:
-      return Fits(out, size, kCommonData);
-    case 4:
-      return Fits(out, size, std::string(kHome) + "/Documents");
-    case 5:
-      return Fits(out, size, std::string(kHome) + "/Desktop");
-    case 6:
-      return Fits(out, size, kProgramFiles);
-    default:
-      out[0] = '\0';
-      return false;
-  }
+  const std::string home = kHome;
+  const std::map<int, std::string> known = {
+      {0, kProgramFolder}, {7, kProgramFolder}, {8, kProgramFolder}, {1, home},
+      {3, kCommonData},    {4, home + "/Documents"}, {5, home + "/Desktop"}, {6, kProgramFiles}};
+  const auto folder = known.find(selector);
+  return Fits(out, size, folder == known.end() ? "" : folder->second) && folder != known.end();
 }
 
 bool ProgramPath(char* out, std::size_t size) { return Fits(out, size, memory::kProgramPath); }
@@ -277,8 +249,7 @@ bool MakeFolder(const char* path) {
   if (nodes.count(normal) != 0) return true;  // as mkdir's EEXIST
   if (!IsFolder(Parent(normal))) return false;
   nodes[normal].folder = true;
-  madeFolders.insert(normal);
-  if (keeping) kept[normal].folder = true;  // the same in both: nothing to bring back
+  kept[normal].folder = true;  // the same in both: nothing to bring back
   return true;
 }
 
@@ -300,9 +271,7 @@ Handle Start(const char* path, Match* first) {
   const std::size_t slash = text.rfind('/');
   const std::string folder = slash == std::string::npos ? "/" : text.substr(0, slash);
   const std::string pattern = text.substr(slash == std::string::npos ? 0 : slash + 1);
-  if (pattern.empty()) return nullptr;
-  auto* search = new (std::nothrow) Search;
-  if (search == nullptr) return nullptr;
+  auto* search = new Search;
   const std::string normal = Normal(folder);
   for (const std::string& name : memory::Listing(normal)) {
     if (name.size() >= sizeof(Match::name) || !Matches(pattern.c_str(), name.c_str())) continue;

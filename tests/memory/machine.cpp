@@ -1,10 +1,9 @@
 // The process of the in-memory machine: its memory, threads, console, clock and random
 // source. A thread start runs the routine at once, on the caller's thread, so that a test or
 // a fuzzer input is served from start to end before the call returns.
-#include <cstring>
+#include <atomic>
 #include <mutex>
 
-#include "internal.h"
 #include "memory.h"
 #include "platform/console.h"
 #include "platform/entropy.h"
@@ -17,8 +16,8 @@ namespace kvt {
 namespace {
 
 std::mutex lock;
-std::uint64_t usableMemory = 0;
-int failingThreads = 0;
+std::atomic<std::uint64_t> usableMemory = 0;
+std::atomic<int> failingThreads = 0;
 std::uint32_t randomState = 1;
 
 // xorshift32: the same numbers after the same seed.
@@ -51,15 +50,8 @@ void Reset(std::uint32_t seed) {
   service::fake::Reset();
 }
 
-void SetUsableMemory(std::uint64_t bytes) {
-  std::lock_guard guard(lock);
-  usableMemory = bytes;
-}
-
-void FailThreadStarts(int count) {
-  std::lock_guard guard(lock);
-  failingThreads = count;
-}
+void SetUsableMemory(std::uint64_t bytes) { usableMemory = bytes; }
+void FailThreadStarts(int count) { failingThreads = count; }
 
 }  // namespace memory
 
@@ -68,26 +60,16 @@ void process::SetBinaryMode() {}
 void process::KeepRunningAtFileSizeLimit() {}
 void process::RaiseDescriptorLimit() {}
 
-std::uint64_t process::UsableMemory() {
-  std::lock_guard guard(lock);
-  return usableMemory;
-}
+std::uint64_t process::UsableMemory() { return usableMemory; }
 
 bool process::LocalTimeNow(std::tm* out) {
-  *out = std::tm{};
-  out->tm_year = 126, out->tm_mon = 10, out->tm_mday = 25;  // 2026-11-25 09:30:00
-  out->tm_hour = 9, out->tm_min = 30;
+  *out = std::tm{};  // only the debug log asks, and no test runs one here
   return true;
 }
 
 bool thread::StartDetached(Routine routine, void* argument) {
-  {
-    std::lock_guard guard(lock);
-    if (failingThreads > 0) {
-      --failingThreads;
-      return false;
-    }
-  }
+  for (int left = failingThreads; left > 0;)
+    if (failingThreads.compare_exchange_weak(left, left - 1)) return false;
   routine(argument);
   return true;
 }

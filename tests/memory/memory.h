@@ -49,13 +49,9 @@ void LimitWrites(std::size_t bytes);
 void BreakReads(const std::string& path, std::size_t bytes);
 
 // ---- Programs ----
-// A program can be started when a file lies at its path.
-struct Start {
-  enum Kind { kNoWait, kAndWait, kHandOff } kind;
-  std::vector<std::string> argv;  // argv[0] is the program
-  std::string commandLine;        // what the Windows form would start
-};
-const std::vector<Start>& Starts();
+// A program can be started when a file lies at its path. Each start's entries (the program
+// first), in order:
+const std::vector<std::vector<std::string>>& Starts();
 // Programs run and waited for end with this code (0 at first).
 void SetExitCode(std::uint32_t code);
 // Whether the platform joins a program's entries into one command line, as Windows does.
@@ -71,8 +67,6 @@ struct Pair {
 Pair Connect();
 // Sends `bytes` from `end` to its peer, then (when `shut`) closes the sending side.
 void Write(net::Socket end, std::string_view bytes, bool shut = false);
-// What has arrived at `end` and was not read yet, taken away.
-std::string Take(net::Socket end);
 // Bytes that arrive at `end` are counted and dropped (a client that never reads them).
 void Discard(net::Socket end);
 // Each receive at `end` gives at most `bytes` (short reads); 0: no limit.
@@ -96,5 +90,15 @@ void OfferConnection(net::Socket clientEnd);
 void SetUsableMemory(std::uint64_t bytes);  // 1 GiB at first
 // The next `count` thread starts fail.
 void FailThreadStarts(int count);
+
+// What the parts of the machine tell each other; not for tests.
+namespace internal {
+void ResetFiles();
+void ResetSockets();
+void ResetPrograms();
+void ResetProcess(unsigned seed);
+// Whether a plain file lies at `path` (a program can be started from it).
+bool IsFile(const char* path);
+}  // namespace internal
 
 }  // namespace kvt::memory

@@ -10,7 +10,6 @@
 #include <map>
 #include <mutex>
 
-#include "internal.h"
 #include "memory.h"
 #include "platform/net.h"
 
@@ -94,16 +93,6 @@ void Write(net::Socket end, std::string_view bytes, bool shut) {
   arrived.notify_all();
 }
 
-std::string Take(net::Socket end) {
-  std::lock_guard guard(lock);
-  End* e = Find(end);
-  if (e == nullptr) return {};
-  std::string bytes = e->inbox.substr(e->read);
-  e->inbox.clear();
-  e->read = 0;
-  return bytes;
-}
-
 void Discard(net::Socket end) {
   std::lock_guard guard(lock);
   if (End* e = Find(end)) e->discard = true;
@@ -164,7 +153,7 @@ int Recv(Socket s, void* buffer, int count) {
   if (e->timeoutMs > 0) {
     if (!arrived.wait_for(guard, std::chrono::milliseconds(e->timeoutMs), ready)) return -1;
   } else {
-    arrived.wait(guard, ready);
+    arrived.wait(guard, ready);  // no clock read: the fuzzer receives byte by byte
   }
   std::size_t n = std::min(static_cast<std::size_t>(count), e->inbox.size() - e->read);
   if (e->receiveLimit > 0) n = std::min(n, e->receiveLimit);
@@ -201,11 +190,8 @@ int ResolveIPv4(const char* name, std::uint8_t (*addresses)[4], int max) {
   if (std::strcmp(name, "localhost") == 0) found = {0x7F000001};
   if (std::strcmp(name, "memhost") == 0) found = hostAddresses;
   int count = 0;
-  for (std::uint32_t a : found) {
-    if (count == max) break;
-    for (int i = 0; i < 4; ++i) addresses[count][i] = static_cast<std::uint8_t>(a >> (24 - 8 * i));
-    ++count;
-  }
+  for (; count < max && count < static_cast<int>(found.size()); ++count)
+    for (int i = 0; i < 4; ++i) addresses[count][i] = std::uint8_t(found[count] >> (24 - 8 * i));
   return count;
 }
 
@@ -255,22 +241,12 @@ Socket OpenSpare() {
 
 void Refuse(Socket s) { Close(s); }
 
-std::uint16_t LocalPort(Socket s) {
-  std::lock_guard guard(lock);
-  End* e = Find(s);
-  if (e == nullptr || e->listening.empty()) return 0;
-  return static_cast<std::uint16_t>(std::stoi(e->listening.substr(e->listening.find(':') + 1)));
-}
-
 Socket Connect(const char*, std::uint16_t, int* error) {
   std::lock_guard guard(lock);
-  if (offered.empty()) {
-    *error = 111;  // ECONNREFUSED
-    return kNoSocket;
-  }
+  *error = offered.empty() ? 111 : 0;  // ECONNREFUSED
+  if (offered.empty()) return kNoSocket;
   const Socket s = offered.front();
   offered.pop_front();
-  *error = 0;
   return s;
 }
 

@@ -10,15 +10,16 @@ namespace {
 std::vector<std::string> calls, reports;
 std::map<std::string, int> failures;
 std::vector<std::uint32_t> controls;
-std::map<Handle, std::string> open;  // handle -> "manager" or "service"
+std::map<Handle, const char*> open;  // handle -> "manager" or "service"
 char handleSpace[16];                // handles are addresses in here
 unsigned nextHandle = 0;
 int lastError = 0;
 ControlRoutine handler = nullptr;
 
-std::string Text(const char* format, std::uint32_t value) {
-  char text[16];
-  std::snprintf(text, sizeof text, format, value);
+template <class... Values>
+std::string Text(const char* format, Values... values) {
+  char text[512];
+  std::snprintf(text, sizeof text, format, values...);
   return text;
 }
 
@@ -36,7 +37,7 @@ Handle NewHandle(const char* kind) {
   return handle;
 }
 
-std::string Name(Handle handle) { return open.count(handle) ? open[handle] : "?"; }
+const char* Name(Handle handle) { return open.count(handle) ? open[handle] : "?"; }
 
 }  // namespace
 
@@ -45,29 +46,27 @@ Handle OpenManager(std::uint32_t access) {
 }
 
 Handle Open(Handle manager, const char* name, std::uint32_t access) {
-  bool failed = Fails("Open", Name(manager) + ", " + name + ", " + Text("0x%x", access));
+  bool failed = Fails("Open", Text("%s, %s, 0x%x", Name(manager), name, access));
   return failed ? nullptr : NewHandle("service");
 }
 
 Handle Create(Handle manager, const char* name, const char* displayName, std::uint32_t access,
               std::uint32_t serviceType, std::uint32_t startType, std::uint32_t errorControl,
               const char* binaryPath) {
-  bool failed = Fails("Create", Name(manager) + ", " + name + ", " + displayName + ", " +
-                                    Text("0x%x", access) + ", " + Text("0x%x", serviceType) +
-                                    ", " + Text("%u", startType) + ", " +
-                                    Text("%u", errorControl) + ", " + binaryPath);
+  bool failed = Fails("Create", Text("%s, %s, %s, 0x%x, 0x%x, %u, %u, %s", Name(manager), name,
+                                     displayName, access, serviceType, startType, errorControl,
+                                     binaryPath));
   return failed ? nullptr : NewHandle("service");
 }
 
 bool Start(Handle service) { return !Fails("Start", Name(service)); }
 bool Control(Handle service, std::uint32_t control) {
-  return !Fails("Control", Name(service) + ", " + Text("%u", control));
+  return !Fails("Control", Text("%s, %u", Name(service), control));
 }
 bool Delete(Handle service) { return !Fails("Delete", Name(service)); }
-bool Query(Handle service, Status*) { return !Fails("Query", Name(service)); }
 
 bool Close(Handle handle) {
-  calls.push_back("Close(" + Name(handle) + ")");
+  calls.push_back(Text("Close(%s)", Name(handle)));
   return open.erase(handle) == 1;
 }
 
@@ -87,11 +86,9 @@ StatusHandle RegisterHandler(const char* name, ControlRoutine routine) {
 }
 
 bool SetStatus(StatusHandle, const Status& s) {
-  char text[96];
-  std::snprintf(text, sizeof text, "0x%x %u %u %u %u %u %u", s.serviceType, s.currentState,
-                s.controlsAccepted, s.win32ExitCode, s.serviceSpecificExitCode, s.checkPoint,
-                s.waitHint);
-  reports.push_back(text);
+  reports.push_back(Text("0x%x %u %u %u %u %u %u", s.serviceType, s.currentState,
+                         s.controlsAccepted, s.win32ExitCode, s.serviceSpecificExitCode,
+                         s.checkPoint, s.waitHint));
   return !Fails("SetStatus", "");
 }
 
@@ -111,7 +108,7 @@ void Reset() {
 }
 
 void Fail(const std::string& step, int error) { failures[step] = error; }
-void Deliver(std::initializer_list<std::uint32_t> list) { controls.assign(list); }
+void Deliver(const std::vector<std::uint32_t>& list) { controls = list; }
 const std::vector<std::string>& Calls() { return calls; }
 const std::vector<std::string>& Reports() { return reports; }
 int OpenHandles() { return static_cast<int>(open.size()); }

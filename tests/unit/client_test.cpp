@@ -7,8 +7,7 @@
 
 #include "client/listing_json.h"
 #include "client/print_client.h"
-#include "client/spool_client.h"
-#include "memory/served.h"
+#include "memory/memory.h"
 #include "toolkit/toolkit.h"
 
 namespace kvt {
@@ -48,26 +47,6 @@ TEST(Client, BrokenAnswersAreRefusedWithTheirReason) {
               reason.empty() ? "the server closed the connection after 2 of 3 bytes" : reason);
     EXPECT_EQ(c.IsConnected(), reason.find("announced") == std::string::npos);
   }
-}
-
-// A body that ends before its announced length is stored nowhere: the connection is closed.
-TEST(Client, UploadWhoseSourceGivesOutEarlyStoresNothing) {
-  memory::Reset();
-  std::snprintf(SpoolFolder, sizeof SpoolFolder, "/spool");
-  memory::PutFolder("/spool");
-  test::Served s;
-  std::size_t left = 10;
-  std::string error;
-  const auto stored = UploadSpool(s.client, "Part", 100, [&](char* buffer, std::size_t size) {
-    const std::size_t n = std::min(size, left);
-    std::fill_n(buffer, n, 'p');
-    return left -= n, n;
-  }, nullptr, &error);
-  EXPECT_FALSE(stored.has_value());
-  EXPECT_EQ(error, "the data ended after 10 of 100 bytes");
-  EXPECT_FALSE(s.client.IsConnected());
-  s.Leave();
-  EXPECT_EQ(memory::Listing("/spool"), std::vector<std::string>{});
 }
 
 // A record's texts in the JSON documents: well-formed UTF-8 as it is, every other byte read as

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "host/entry.h"
@@ -8,47 +9,37 @@
 namespace kvt {
 namespace {
 
-std::vector<std::string> Words(const char* arguments) {
-  CommandLine line;
-  if (!SplitCommandLine(arguments, line)) return {"<refused>"};
-  EXPECT_EQ(line.words[line.count], nullptr);
-  return {line.words + 1, line.words + line.count};
-}
-
-using W = std::vector<std::string>;
-
-TEST(CommandLine, SplitsOnBlanksAndQuotes) {
-  EXPECT_EQ(Words(""), W{});
-  EXPECT_EQ(Words("   "), W{});
-  EXPECT_EQ(Words("  -c   x  "), (W{"-c", "x"}));
-  EXPECT_EQ(Words("\"a b\"c"), (W{"a b", "c"}));       // next word starts right after the quote
-  EXPECT_EQ(Words("a\"b c"), (W{"a\"b", "c"}));        // a quote inside a word is ordinary
-  EXPECT_EQ(Words("a\tb"), (W{"a\tb"}));               // only the blank separates
-  EXPECT_EQ(Words("\"\" x"), (W{"", "x"}));            // two quotes: an empty word
-  EXPECT_EQ(Words("x \""), (W{"x"}));                  // an opening quote at the end: no word
-  EXPECT_EQ(Words("\"-debug\""), (W{"-debug"}));
-  EXPECT_EQ(Words("\"unclosed tail"), (W{"unclosed tail"}));
-}
-
-RunMode ModeOf(const char* arguments) {
-  CommandLine line;
-  EXPECT_TRUE(SplitCommandLine(arguments, line));
-  return ChooseRunMode(line.count, line.words);
-}
-
-TEST(CommandLine, ChoosesTheRunMode) {
-  EXPECT_EQ(ModeOf(""), RunMode::kPlainServer);
-  EXPECT_EQ(ModeOf("-debug"), RunMode::kDebug);
-  EXPECT_EQ(ModeOf("-s -debug"), RunMode::kDebug);  // -debug wins wherever it stands
-  EXPECT_EQ(ModeOf("x y -debug"), RunMode::kDebug);
-  EXPECT_EQ(ModeOf("\"-debug\""), RunMode::kDebug);
-  EXPECT_EQ(ModeOf("-s"), RunMode::kService);
-  EXPECT_EQ(ModeOf("-c more words"), RunMode::kInstall);
-  EXPECT_EQ(ModeOf("-k"), RunMode::kStop);
-  EXPECT_EQ(ModeOf("-d"), RunMode::kRemove);
-  EXPECT_EQ(ModeOf("-S"), RunMode::kNone);
-  EXPECT_EQ(ModeOf("-debugx"), RunMode::kNone);
-  EXPECT_EQ(ModeOf("x -s"), RunMode::kNone);  // only the first word chooses
+// Each command line's words, split on blanks and quotes, and the run mode they choose.
+TEST(CommandLine, SplitsOnBlanksAndQuotesAndChoosesTheRunMode) {
+  using enum RunMode;
+  const std::tuple<const char*, std::vector<std::string>, RunMode> rows[] = {
+      {"", {}, kPlainServer},
+      {"   ", {}, kPlainServer},
+      {"  -c   x  ", {"-c", "x"}, kInstall},
+      {"\"a b\"c", {"a b", "c"}, kNone},    // next word starts right after the quote
+      {"a\"b c", {"a\"b", "c"}, kNone},     // a quote inside a word is ordinary
+      {"a\tb", {"a\tb"}, kNone},            // only the blank separates
+      {"\"\" x", {"", "x"}, kNone},         // two quotes: an empty word
+      {"x \"", {"x"}, kNone},               // an opening quote at the end: no word
+      {"\"unclosed tail", {"unclosed tail"}, kNone},
+      {"\"-debug\"", {"-debug"}, kDebug},
+      {"-s -debug", {"-s", "-debug"}, kDebug},  // -debug wins wherever it stands
+      {"x y -debug", {"x", "y", "-debug"}, kDebug},
+      {"-s", {"-s"}, kService},
+      {"-k", {"-k"}, kStop},
+      {"-d", {"-d"}, kRemove},
+      {"-S", {"-S"}, kNone},
+      {"-debugx", {"-debugx"}, kNone},
+      {"x -s", {"x", "-s"}, kNone},  // only the first word chooses
+  };
+  for (const auto& [arguments, words, mode] : rows) {
+    SCOPED_TRACE(arguments);
+    CommandLine line;
+    ASSERT_TRUE(SplitCommandLine(arguments, line));
+    EXPECT_EQ(line.words[line.count], nullptr);
+    EXPECT_EQ(std::vector<std::string>(line.words + 1, line.words + line.count), words);
+    EXPECT_EQ(ChooseRunMode(line.count, line.words), mode);
+  }
 }
 
 }  // namespace

@@ -13,7 +13,7 @@ namespace {
 
 const std::string kPointers = std::string(memory::kCommonData) + "/Velmora/";
 
-TEST(Folders, SelectorsAreThePlatformsAndCached) {
+TEST(Folders, StandardFoldersCachedAndTheProgramFolderFromItsPointerFile) {
   memory::Reset();
   const std::pair<int, std::string> selectors[] = {
       {0, memory::kProgramFolder}, {1, memory::kHome}, {2, "/tmp/Velmora"},
@@ -22,11 +22,9 @@ TEST(Folders, SelectorsAreThePlatformsAndCached) {
   for (const auto& [selector, folder] : selectors) EXPECT_EQ(GetAppFolder(selector), folder);
   EXPECT_EQ(GetAppFolder(2), GetAppFolder(2));  // the same text from the same place
   EXPECT_EQ(memory::Listing("/tmp"), std::vector<std::string>{"Velmora"});  // made once
-}
 
-// The pointer file's first line, read afresh at every call, at most 255 characters of it.
-TEST(Folders, ProgramFolderComesFromThePointerFile) {
-  memory::Reset();
+  // The program folder: the pointer file's first line, read afresh at every call, at most
+  // 255 characters of it.
   const std::pair<std::string, std::string> pointers[] = {
       {"/opt/corvina\nsecond line\n", "/opt/corvina"}, {"C:\\Corvina\r\n", "C:\\Corvina"},
       {"a\rb\r\n", "a\rb"}, {"", ""}, {std::string(300, 'p') + "\n", std::string(255, 'p')},

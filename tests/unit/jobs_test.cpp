@@ -9,7 +9,6 @@
 #include "memory/served.h"
 #include "memory/spooler_double.h"
 #include "print/jobs.h"
-#include "server/inline_commands.h"
 #include "server/wire.h"
 
 namespace kvt {
@@ -21,43 +20,26 @@ using fake::FakePrinter;
 
 std::string JobName(const std::string& record) { return client::ParseJobRecord(record).jobName; }
 
-// The handlers run on the test's thread with the server's end of the connection.
+// Each test talks to a connection of its own, served on the in-memory machine.
 class JobsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     memory::Reset();
-    Connect();
-  }
-  void TearDown() override { Disconnect(); }
-  void Connect() {
-    link_.emplace();
-    record_ = link_->record;
-  }
-  void Disconnect() {  // the connection's teardown closes its printers
-    net::Close(record_->socket);
-    EndConnection(record_);
-    link_.reset();
+    served_.emplace();
   }
   std::vector<std::string> List() {
-    ListJobs(*record_);
-    const std::string answer = link_->Answer();
-    EXPECT_GE(answer.size(), 4u);
-    const std::size_t length =
-        GetClientU32(*record_, reinterpret_cast<const std::uint8_t*>(answer.data()));
-    EXPECT_EQ(answer.size(), 4 + length);
+    std::string error;
+    const std::string answer = client::ListJobRecords(served_->client, &error).value_or("");
+    EXPECT_EQ(error, "");
     std::vector<std::string> records;
-    for (std::size_t at = 4; at < answer.size(); at += sizeof(JobRecord))
+    for (std::size_t at = 0; at < answer.size(); at += sizeof(JobRecord))
       records.push_back(answer.substr(at, sizeof(JobRecord)));
     return records;
   }
-  int Cancel(std::string name) {
-    name.resize(16, '\0');
-    link_->Send(name);
-    CancelJobOrSpoolFile(*record_);
-    return link_->Answer()[0];
+  int Cancel(const std::string& name) {
+    return client::CancelJobOrSpoolFile(served_->client, name).value_or(-1);
   }
-  std::optional<test::Link> link_;
-  ConnectionRecord* record_ = nullptr;
+  std::optional<test::Served> served_;
 };
 
 // The status table in its order on one printer; on another, every field of a record.
@@ -85,7 +67,7 @@ TEST_F(JobsTest, StatusTableAndRecordFieldsBigEndian) {
   fake::Printers() = {{"P"}, {"Second", {named, {-5, 0, {}, "", "\\", ""}}}};
   for (int id = 0; id < int(std::size(cases)); ++id)
     fake::Printers()[0].jobs.push_back({id, cases[id].status, cases[id].text});
-  std::copy_n("\x01\x02\x03\x04", 4, record_->byteOrderMark);  // List() reads big-endian
+  served_.emplace(client::ByteOrder::kBig);
   std::vector<std::string> records = List();
   std::size_t r = 0;
   for (int id = 0; id < int(std::size(cases)); ++id) {
@@ -97,16 +79,10 @@ TEST_F(JobsTest, StatusTableAndRecordFieldsBigEndian) {
   }
   ASSERT_EQ(records.size(), r + 2);
   std::string expected(sizeof(JobRecord), '\0');
-  auto put = [&](std::size_t at, const std::string& text) {
-    expected.replace(at, text.size(), text);
-  };
-  expected[1] = 10;
-  put(2, std::string(79, 'd'));
-  put(82, "printing");
-  put(162, "Second");
-  put(922, "*1-17");
-  put(958, "WS12");
-  put(1022, std::string(63, 'u'));
+  const std::pair<std::size_t, std::string> fields[] = {
+      {1, "\x0A"},     {2, std::string(79, 'd')}, {82, "printing"}, {162, "Second"},
+      {922, "*1-17"}, {958, "WS12"}, {1022, std::string(63, 'u')}};
+  for (const auto& [at, text] : fields) expected.replace(at, text.size(), text);
   EXPECT_EQ(records[r], expected);  // every other byte is zero
   EXPECT_EQ(JobName(records[r + 1]), "*1--5");
   EXPECT_EQ(client::ParseJobRecord(records[r + 1]).machineName, "");  // a machine name shorter than two characters
@@ -127,13 +103,19 @@ TEST_F(JobsTest, LimitsAndFailuresOfPrinters) {
   EXPECT_EQ(Cancel("*1-1"), 0);  // the printer that failed to open has no handle
   EXPECT_EQ(Cancel("*2-2"), 0);
   EXPECT_EQ(fake::Calls().back(), "Cancel(Broken, 2)");
-  Disconnect();
+  served_.reset();  // the connection's teardown closes its printers
   EXPECT_EQ(fake::OpenHandles(), 0);
-  Connect();
 }
 
-TEST_F(JobsTest, TableIsBuiltOnceAndReferencesUseIt) {
+// A connection makes its printer table at its first listing, once, even when the spooler
+// failed to list its printers; the next connection makes its own, of at most 256 printers.
+TEST_F(JobsTest, TableIsBuiltOncePerConnectionAndReferencesUseIt) {
+  fake::FailPrinterListing(true);
+  EXPECT_TRUE(List().empty());
+  fake::FailPrinterListing(false);
   fake::Printers() = {{"A", {{3}}}};
+  EXPECT_TRUE(List().empty());  // the table is not made again
+  served_.emplace();
   EXPECT_EQ(Cancel("*0-3"), 0);  // no table yet: nothing reaches the spooler
   ASSERT_EQ(List().size(), 1u);
   fake::Printers().push_back({"Later", {{4}}});
@@ -143,16 +125,9 @@ TEST_F(JobsTest, TableIsBuiltOnceAndReferencesUseIt) {
   EXPECT_EQ(Cancel("* 0- 3"), 0);
   std::vector<std::string> expected = {"Open(A)", "Jobs(A, 50)", "Jobs(A, 50)", "Cancel(A, 3)"};
   EXPECT_EQ(fake::Calls(), expected);
-}
 
-TEST_F(JobsTest, FailedPrinterListingAndMoreThan256Printers) {
-  fake::FailPrinterListing(true);
-  EXPECT_TRUE(List().empty());
-  fake::FailPrinterListing(false);
-  for (int i = 0; i < 300; ++i) fake::Printers().push_back({"P" + std::to_string(i), {{i}}});
-  EXPECT_TRUE(List().empty());  // the table is not made again
-  Disconnect();
-  Connect();  // a new connection sees the printers, the first 256 of them
+  for (int i = 2; i < 300; ++i) fake::Printers().push_back({"P" + std::to_string(i), {{i}}});
+  served_.emplace();
   std::vector<std::string> records = List();
   ASSERT_EQ(records.size(), 256u);
   EXPECT_EQ(JobName(records[255]), "*255-255");

@@ -42,20 +42,18 @@ TEST(Log, FileNameAndLineFormats) {
 }
 
 // Runs in a folder of its own: the log file lies in the current folder.
-class LogFileTest : public ::testing::Test {
- protected:
-  void SetUp() override { fs::current_path(folder_.path); }
-  void TearDown() override {  // the folder goes next, unless Windows keeps the open log file
-    DebugMode = false;
-    fs::current_path(previous_);
-  }
-  const fs::path previous_ = fs::current_path();
-  test::ScratchFolder folder_;
-};
-
-TEST_F(LogFileTest, WritesOnlyInDebugModeAndNeverMixesLines) {
+TEST(Log, WritesOnlyInDebugModeAndNeverMixesLines) {
+  const test::ScratchFolder folder;
+  struct Restore {  // before the folder goes, unless Windows keeps the open log file
+    const fs::path previous = fs::current_path();
+    ~Restore() {
+      DebugMode = false;
+      fs::current_path(previous);
+    }
+  } restore;
+  fs::current_path(folder.path);
   LogWrite("KVTnetd", "not written");
-  EXPECT_TRUE(test::Listing(folder_.path).empty());
+  EXPECT_TRUE(test::Listing(folder.path).empty());
 
   DebugMode = true;
   constexpr int kThreads = 4, kLines = 100;
@@ -66,9 +64,9 @@ TEST_F(LogFileTest, WritesOnlyInDebugModeAndNeverMixesLines) {
     });
   for (auto& w : writers) w.join();
 
-  const auto files = test::Listing(folder_.path);
+  const auto files = test::Listing(folder.path);
   ASSERT_EQ(files.size(), 1u);
-  std::ifstream in(folder_.path / *files.begin());  // text mode: CR LF reads as LF
+  std::ifstream in(folder.path / *files.begin());  // text mode: CR LF reads as LF
   std::string line;
   std::vector<int> next(kThreads, 0);
   const std::regex entry("KVTnetd: writer ([0-3]) line ([0-9]+)");

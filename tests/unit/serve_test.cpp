@@ -14,15 +14,18 @@
 namespace kvt {
 namespace {
 
-std::optional<bool> Upload(client::Connection& c, const std::string& name, std::string body) {
-  std::string error;
-  auto stored = client::UploadSpool(c, name, std::uint32_t(body.size()),
-                                    [&](char* buffer, std::size_t size) {
-                                      const std::size_t n = body.copy(buffer, size);
-                                      return body.erase(0, n), n;
-                                    }, nullptr, &error);
-  EXPECT_TRUE(stored.has_value()) << error;
-  return stored;
+std::string error;  // of the last upload
+
+// Uploads `body`, announced as `length` bytes (its own size when 0): whether the server stored
+// it; none when the upload failed.
+std::optional<bool> Upload(client::Connection& c, const std::string& name, std::string body,
+                           std::uint32_t length = 0) {
+  error.clear();
+  return client::UploadSpool(c, name, length != 0 ? length : std::uint32_t(body.size()),
+                             [&](char* buffer, std::size_t size) {
+                               const std::size_t n = body.copy(buffer, size);
+                               return body.erase(0, n), n;
+                             }, nullptr, &error);
 }
 
 // The spool path holds at most 79 characters: a folder of 60, "/", the name, ".spl".
@@ -32,17 +35,17 @@ TEST(Upload, SpoolPathBounds) {
   std::snprintf(SpoolFolder, sizeof SpoolFolder, "%s", padded.c_str());
   memory::PutFolder(padded);
   test::Served s;
-  EXPECT_EQ(Upload(s.client, "123456789012345", "abc"), false);
-  EXPECT_EQ(Upload(s.client, "12345678901234", "abc"), true);
+  EXPECT_EQ(Upload(s.client, "123456789012345", "abc"), false) << error;
+  EXPECT_EQ(Upload(s.client, "12345678901234", "abc"), true) << error;
   EXPECT_EQ(memory::FileContent(padded + "/12345678901234.spl"), "abc");
   SpoolFolder[0] = '\0';  // no spool folder: refused, and nothing stored anywhere
-  EXPECT_EQ(Upload(s.client, "Empty", ""), false);
+  EXPECT_EQ(Upload(s.client, "Empty", ""), false) << error;
   s.Leave();
   EXPECT_EQ(memory::Listing(padded), std::vector<std::string>{"12345678901234.spl"});
 }
 
 // A body takes a block of whole 64 KiB steps from the budget: one byte short of two steps
-// fits a budget of two, one byte more does not.
+// fits a budget of two, one byte more does not. A body cut short is not stored.
 TEST(Upload, BodyBlocksInStepsOfTheBudget) {
   memory::Reset();
   std::snprintf(SpoolFolder, sizeof SpoolFolder, "/spool");
@@ -50,9 +53,14 @@ TEST(Upload, BodyBlocksInStepsOfTheBudget) {
   memory::SetUsableMemory(256 << 10);
   SetBodyBudget(nullptr);  // half: 128 KiB
   test::Served s;
-  EXPECT_EQ(Upload(s.client, "Fits", std::string((128 << 10) - 1, 'f')), true);
-  EXPECT_EQ(Upload(s.client, "Over", std::string((128 << 10) + 1, 'o')), false);
+  EXPECT_EQ(Upload(s.client, "Fits", std::string((128 << 10) - 1, 'f')), true) << error;
+  EXPECT_EQ(Upload(s.client, "Over", std::string((128 << 10) + 1, 'o')), false) << error;
+  // A body that ends before its announced length is stored nowhere: the connection is closed.
+  EXPECT_EQ(Upload(s.client, "Part", std::string(10, 'p'), 100), std::nullopt);
+  EXPECT_EQ(error, "the data ended after 10 of 100 bytes");
+  EXPECT_FALSE(s.client.IsConnected());
   s.Leave();
+  EXPECT_EQ(memory::Listing("/spool"), std::vector<std::string>{"Fits.spl"});
   memory::SetUsableMemory(0);
   SetBodyBudget(nullptr);  // no bound for the other tests
 }
