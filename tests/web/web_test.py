@@ -372,7 +372,7 @@ def trickle(count, stop, source="127.0.0.1"):
 
 
 def requests(rig):
-    rig.hold_jobs([("KvtProofA", "poster.pdf")])
+    rig.hold_jobs([("KvtProofA", "poster.pdf"), ("KvtProofA", "flyer.pdf")])
     rig.start_server()
     # Polls an hour apart: after a cancel, the listing is fresh only if the cancel asks for it.
     rig.start_web(options=("--interval", "3600"))
@@ -435,8 +435,8 @@ def requests(rig):
         status = exchange(raw)
         if status != expected:
             failures.append(f"{name}: {status} instead of {expected}")
-    # A cancel that works, and the poll it asks for shows the job gone.
-    job = f"*0-{rig.jobs['poster.pdf']}"
+    # A cancel that works (of the second job listed), and the poll it asks for shows it gone.
+    job = f"*0-{rig.jobs['flyer.pdf']}"
     listed = lambda: f'"{job}"'.encode() in request("GET", "/api/jobs")[1]
     assert listed(), "the held job is not listed"
     status, data = request("POST", "/api/cancel", [T, ("Origin", ORIGIN)], "job=" + job)
@@ -516,6 +516,12 @@ def servers_file(rig):
              lambda: "still watching the servers as before" in open(log).read())
     if fleet() != listed:
         failures.append(f"after SIGHUP with a wrong file: {fleet()}")
+    # A good file again: the servers are taken once more, and only then (the wrong one was not).
+    write(f"127.0.0.1:{SERVER_PORT}\n")
+    rig.web.send_signal(signal.SIGHUP)
+    wait_for("the good file read", lambda: fleet() == [(f"127.0.0.1:{SERVER_PORT}", None)])
+    if open(log).read().count("kvtweb: watching") != 2:
+        failures.append(f"servers taken other than on the two good files: {open(log).read()!r}")
     # Without --listen, the page is at 127.0.0.1:51480.
     rig.web.kill()
     rig.web.wait()
