@@ -8,6 +8,7 @@ private CUPS scheduler (CUPS_SERVER) with held jobs, and kvtweb in front of them
   web_test.py wine       --kvtnetd P --kvtweb P --work DIR   the Windows programs under Wine
   web_test.py screenshot --kvtnetd P --kvtweb P --work DIR --out PNG
   web_test.py scale      --kvtnetd P --kvtweb P --work DIR [--old-kvtweb P]   figures, no test
+  web_test.py terminal   --kvtnetd P --kvtweb P --kvtctl P --work DIR   kvtctl's progress bar
 
 Exit code 77 (skipped) when what a mode needs is not installed. Every wait is on an event
 with a deadline that only turns a hang into a failure. A second real server (monitoring,
@@ -19,11 +20,13 @@ import asyncio
 import http.client
 import json
 import os
+import pty
 import re
 import shutil
 import signal
 import socket
 import subprocess
+import tempfile
 import statistics
 import struct
 import sys
@@ -778,23 +781,58 @@ def slow_clients(rig, say, heads, idle_count):
         s.close()
 
 
+def terminal(rig):
+    """kvtctl's progress bar: drawn on a terminal for a file of 1 MiB or more, and each
+    percentage drawn once."""
+    # A data folder with a short path: the server's spool paths have a fixed ceiling.
+    rig.data = tempfile.mkdtemp(prefix="kvt-")
+    os.makedirs(os.path.join(rig.data, "Corvina", "spool"))
+    rig.start_server()
+    path = os.path.join(rig.work, "big.pdf")
+    with open(path, "wb") as f:
+        f.write(b"%PDF" + b"p" * ((1 << 20) - 4))
+    ours, its = pty.openpty()
+    upload = subprocess.Popen([rig.args.kvtctl, "upload", path], stdin=subprocess.DEVNULL,
+                              stdout=subprocess.DEVNULL, stderr=its)
+    os.close(its)
+    shown = b""
+    while True:  # read as it comes, so that a full terminal never holds kvtctl up
+        try:
+            chunk = os.read(ours, 65536)
+        except OSError:  # EIO: kvtctl has ended and its end of the terminal is closed
+            break
+        if not chunk:
+            break
+        shown += chunk
+    os.close(ours)
+    assert upload.wait(timeout=DEADLINE) == 0, shown[-300:]
+    draws = [d for d in shown.split(b"\r") if d.startswith(b"[")]
+    assert draws and draws[-1].startswith(b"[" + b"#" * 40 + b"] 100% of 1048576 bytes"), shown
+    percents = [int(d[43:46]) for d in draws]
+    assert percents == sorted(set(percents)), percents
+    print(f"{len(draws)} draws of the bar")
+    rig.stop_server()
+    shutil.rmtree(rig.data)
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("mode", choices=["browser", "requests", "monitoring", "wine", "screenshot",
-                                         "scale"])
+                                         "scale", "terminal"])
     parser.add_argument("--old-kvtweb", help="scale: also the slow clients against this kvtweb")
     parser.add_argument("--kvtnetd", required=True)
     parser.add_argument("--kvtweb", required=True)
+    parser.add_argument("--kvtctl")
     parser.add_argument("--work", required=True)
     parser.add_argument("--out")
     args = parser.parse_args()
-    for name in ("kvtnetd", "kvtweb", "out", "old_kvtweb"):
+    for name in ("kvtnetd", "kvtweb", "kvtctl", "out", "old_kvtweb"):
         if getattr(args, name):
             setattr(args, name, os.path.abspath(getattr(args, name)))
     rig = Rig(args)
     try:
         {"browser": browser, "requests": requests, "monitoring": monitoring, "wine": wine,
-         "screenshot": screenshot, "scale": scale}[args.mode](rig)
+         "screenshot": screenshot, "scale": scale, "terminal": terminal}[args.mode](rig)
     finally:
         rig.close()
     print("OK")
