@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <random>
 #include <string>
 #include <thread>
 
@@ -83,9 +84,9 @@ Socket TakeSocket() {
 void CloseSocket(Socket s) { close(s); }
 #endif
 
-// Each record is a file of its own, "<kind>-<time in ms, 15 digits>-<process>", made whole in
-// one write: stand-ins started at once never touch the same file (Wine's appends to one
-// shared file could lose a line).
+// Each record is a file of its own, "<kind>-<time in ms, 15 digits>-<random number>", made
+// whole in one write: stand-ins started at once never touch the same file (Wine's appends to
+// one shared file could lose a line).
 void Record(const std::string& kind, int argc, char** argv) {
   using namespace std::chrono;
   const auto ms = duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
@@ -93,11 +94,8 @@ void Record(const std::string& kind, int argc, char** argv) {
   for (int i = 1; i < argc; ++i) line += std::string("\t") + argv[i];
   line += "\n";
   char name[64];
-#if defined(_WIN32)
-  std::snprintf(name, sizeof name, "-%015lld-%lu", static_cast<long long>(ms), GetCurrentProcessId());
-#else
-  std::snprintf(name, sizeof name, "-%015lld-%d", static_cast<long long>(ms), int(getpid()));
-#endif
+  std::snprintf(name, sizeof name, "-%015lld-%u", static_cast<long long>(ms),
+                unsigned(std::random_device{}()));
   std::FILE* out = std::fopen((kind + name).c_str(), "wb");
   if (out == nullptr) return;  // shows as a missing record in the test
   std::fwrite(line.data(), 1, line.size(), out);
