@@ -264,8 +264,6 @@ TEST_P(SpoolerTest, HeldCupsJobsAreListedAndCancelled) {
   for (int i = 0; i < 3; ++i)
     EXPECT_EQ(queued.find(queues[i] + "-" + ids[i] + " ") != std::string::npos, i != 1 || OnWine())
         << titles[i] << "\n" << queued;
-  if (!OnWine()) expected.erase(expected.begin() + 1);
-  EXPECT_EQ(Listed(c), expected);
   EXPECT_TRUE(c.SendClose()) << c.error();  // the printers are closed at the teardown
   if (!OnWine()) {  // each connection's line to the scheduler goes with its thread
     Outcome run = RunKvtctl({"jobs"});
