@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <random>
 #include <string>
 #include <thread>
 
@@ -60,11 +61,7 @@ Socket TakeSocket() {
   for (std::size_t got = 0; got < sizeof record;) {
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
     iovec part{record + got, sizeof record - got};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
+    msghdr message{nullptr, 0, &part, 1, control, sizeof control, 0};  // no address: a socket pair
     ssize_t n = recvmsg(0, &message, MSG_CMSG_CLOEXEC);
     if (n <= 0 || (message.msg_flags & MSG_CTRUNC)) return kNone;
     for (cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c))
@@ -83,9 +80,9 @@ Socket TakeSocket() {
 void CloseSocket(Socket s) { close(s); }
 #endif
 
-// Each record is a file of its own, "<kind>-<time in ms, 15 digits>-<process>", made whole in
-// one write: stand-ins started at once never touch the same file (Wine's appends to one
-// shared file could lose a line).
+// Each record is a file of its own, "<kind>-<time in ms, 15 digits>-<random number>", made
+// whole in one write: stand-ins started at once never touch the same file (Wine's appends to
+// one shared file could lose a line).
 void Record(const std::string& kind, int argc, char** argv) {
   using namespace std::chrono;
   const auto ms = duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
@@ -93,11 +90,8 @@ void Record(const std::string& kind, int argc, char** argv) {
   for (int i = 1; i < argc; ++i) line += std::string("\t") + argv[i];
   line += "\n";
   char name[64];
-#if defined(_WIN32)
-  std::snprintf(name, sizeof name, "-%015lld-%lu", static_cast<long long>(ms), GetCurrentProcessId());
-#else
-  std::snprintf(name, sizeof name, "-%015lld-%d", static_cast<long long>(ms), int(getpid()));
-#endif
+  std::snprintf(name, sizeof name, "-%015lld-%u", static_cast<long long>(ms),
+                unsigned(std::random_device{}()));
   std::FILE* out = std::fopen((kind + name).c_str(), "wb");
   if (out == nullptr) return;  // shows as a missing record in the test
   std::fwrite(line.data(), 1, line.size(), out);

@@ -98,8 +98,6 @@ std::vector<std::string> StandinRecords::WaitForStarts(std::size_t count) const 
   return starts;
 }
 
-void StandinRecords::HoldJobfeeder() const { WriteFile(folder_ / "jobfeeder-hold", ""); }
-void StandinRecords::ReleaseJobfeeder() const { fs::remove(folder_ / "jobfeeder-hold"); }
 std::size_t StandinRecords::Ends() const { return Lines(folder_, "jobfeeder-end").size(); }
 
 void StandinRecords::SetToolExit(int code) const {

@@ -58,10 +58,8 @@ class StandinRecords {
   std::vector<std::string> Starts() const;
   // Waits until at least `count` starts are recorded; the starts then.
   std::vector<std::string> WaitForStarts(std::size_t count) const;
-  // A jobfeeder started without "-l" stays until ReleaseJobfeeder(); by default it ends.
-  void HoldJobfeeder() const;
-  void ReleaseJobfeeder() const;
-  // Whether a held jobfeeder has ended (it records its end).
+  // A jobfeeder started without "-l" stays while the folder holds "jobfeeder-hold"; by
+  // default it ends. How many that stayed have ended (each records its end).
   std::size_t Ends() const;
 
   // The colour tool answers `code` from now on.

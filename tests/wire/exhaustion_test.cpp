@@ -20,13 +20,16 @@ namespace {
 using namespace std::chrono_literals;
 using namespace std::string_literals;
 
-// A group under a cgroup v1 controller with one limit; no folder when the machine has none
-// that can be written. Removed, its server stopped first, once its processes have ended.
+// A group under a cgroup v1 controller ("memory" or "pids") with its one limit; no folder
+// when the machine has none that can be written. Removed, its server stopped first, once its
+// processes have ended.
 struct Group {
   Server& server;
   fs::path folder;
-  Group(Server& s, const std::string& controller, const std::string& file, std::uint64_t limit)
-      : server(s), folder("/sys/fs/cgroup/" + controller + "/kvt-wire-" + std::to_string(::getpid())) {
+  std::string file;  // the limit's
+  Group(Server& s, const std::string& controller, std::uint64_t limit)
+      : server(s), folder("/sys/fs/cgroup/" + controller + "/kvt-wire-" + std::to_string(::getpid())),
+        file(controller == "pids" ? "pids.max" : "memory.limit_in_bytes") {
     std::error_code e;
     fs::create_directory(folder, e);
     std::ofstream(folder / file) << limit;
@@ -105,28 +108,15 @@ class ExhaustionTest : public KindTest {};
 
 TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
   Server server(GetParam());
-  const bool onWine = GetParam() == Kind::kWine;
   const std::string body(512u << 20, 'b'), table(250'000'000, 't');
   // Each client waits for its answer as long as a request for memory and a large write take.
   auto upload = [&](int i) -> std::optional<std::uint32_t> {  // upload 3: a byte more
-    client::Connection c = Opened();
-    c.SetTimeout(120000);
+    client::Connection c = Opened(client::kLittleEndianMarker, 120000);
     const std::string name = "Big" + std::to_string(i);  // no copy of the body but the one
     return i == 3 ? Upload(c, name, body + "x") : Upload(c, name, body);
   };
   auto register_ = [&](int i) {
-    client::Connection c = Opened();
-    c.SetTimeout(120000);
-    return c.RegisterColorTable(std::to_string(i), table);
-  };
-  struct Row {
-    const char* limit;
-    const char* controller;  // the cgroup v1 controller that sets it; none: prlimit
-    const char* file;
-    std::uint64_t value;
-    std::function<void()> load;
-    const char* whyNotWine;
-    std::uint64_t lowered = 0;  // the limit once the server runs (0: as it started)
+    return Opened(client::kLittleEndianMarker, 120000).RegisterColorTable(std::to_string(i), table);
   };
   auto uploads = [&] {
     AtOnce(server, 3, upload, 1, server.Spool(), body.size());
@@ -134,66 +124,67 @@ TEST_P(ExhaustionTest, RefusesWhatItCannotHoldAndRecovers) {
     EXPECT_EQ(upload(3), 0u);
     EXPECT_FALSE(fs::exists(server.Spool() / "Big3.spl"));
   };
-  const Row rows[] = {
-      {"descriptors 40, 80 clients", nullptr, nullptr, 40, [&] { Hold(server, 80); },
+  // Each row: the limit, the cgroup v1 controller that sets it (none: prlimit), its value, the
+  // load, why it can't be made under Wine, and the limit once the server runs (0: as it started).
+  const std::tuple<const char*, const char*, std::uint64_t, std::function<void()>, const char*,
+                   std::uint64_t> rows[] = {
+      {"descriptors 40, 80 clients", nullptr, 40, [&] { Hold(server, 80); },
        "Wine keeps the sockets in wineserver, and a limit on the Wine process breaks Wine's "
-       "own pipes (\"wine client error: pipe: Too many open files\") before an accept fails"},
-      {"memory 1 GiB, three uploads of 512 MiB", "memory", "memory.limit_in_bytes", 1u << 30,
-       uploads, ""},
+       "own pipes (\"wine client error: pipe: Too many open files\") before an accept fails", 0},
+      {"memory 1 GiB, three uploads of 512 MiB", "memory", 1u << 30, uploads, "", 0},
       {"memory 4 GiB lowered to 1 GiB while running, three uploads of 512 MiB", "memory",
-       "memory.limit_in_bytes", 4ull << 30, uploads,
+       4ull << 30, uploads,
        "Wine reports the host's memory, not the group's: there the budget is the setting",
        1u << 30},
-      {"memory 1 GiB, four colour tables of 250 MB", "memory", "memory.limit_in_bytes", 1u << 30,
-       [&] { AtOnce(server, 4, register_, 5, server.TableFolder(), table.size()); }, ""},
-      {"threads 40, 100 clients", "pids", "pids.max", 40, [&] { Hold(server, 100); }, ""}};
+      {"memory 1 GiB, four colour tables of 250 MB", "memory", 1u << 30,
+       [&] { AtOnce(server, 4, register_, 5, server.TableFolder(), table.size()); }, "", 0},
+      {"threads 40, 100 clients", "pids", 40, [&] { Hold(server, 100); }, "", 0}};
   // Wine tells the program the host's memory, whatever the group's limit: there the budget
   // is the operator's setting, half the limit as on Linux.
   const std::string budget = "export KVTNETD_BODY_MEMORY=512M && ";
   server.InstallTool();
   server.Records().SetToolExit(5);
   std::string notMade;
-  for (const Row& row : rows) {
-    if (onWine && *row.whyNotWine) {
-      std::cout << "[ NOT MADE ] under Wine: " << row.limit << ": " << row.whyNotWine << "\n";
+  for (const auto& [limit, controller, value, load, whyNotWine, lowered] : rows) {
+    if (OnWine() && *whyNotWine) {
+      std::cout << "[ NOT MADE ] under Wine: " << limit << ": " << whyNotWine << "\n";
       continue;
     }
-    SCOPED_TRACE(row.limit);
+    SCOPED_TRACE(limit);
     // ThreadSanitizer's shadow memory, charged to the group, is several times what the server
     // holds: there the memory rows run outside a group, with the budget set as under Wine.
-    const bool outside = KVT_SANITIZER_THREADS && row.controller && row.controller == "memory"s;
-    if (outside && row.lowered) {
-      notMade += row.limit + ": outside a group under ThreadSanitizer; "s;
+    const bool outside = KVT_SANITIZER_THREADS && controller && controller == "memory"s;
+    if (outside && lowered) {
+      notMade += limit + ": outside a group under ThreadSanitizer; "s;
       continue;
     }
     std::optional<Group> group;
-    if (row.controller && !outside) group.emplace(server, row.controller, row.file, row.value);
+    if (controller && !outside) group.emplace(server, controller, value);
     if (group && group->folder.empty()) {
-      notMade += row.limit + ": no writable /sys/fs/cgroup/"s + row.controller + "; ";
+      notMade += limit + ": no writable /sys/fs/cgroup/"s + controller + "; ";
       continue;
     }
     const std::string join = group ? "echo $$ > " + (group->folder / "cgroup.procs").string() + " && " : "";
     // The soft descriptor limit is raised to the hard one (checked where it can't matter).
-    server.WrapWith(row.controller ? Words{"prlimit", "--nofile=1024:8192", "sh", "-c",
-                                           (onWine || outside ? budget : "") + join + "exec \"$@\"", "sh"}
-                                   : Words{"prlimit", "--nofile=" + std::to_string(row.value)});
+    server.WrapWith(controller ? Words{"prlimit", "--nofile=1024:8192", "sh", "-c",
+                                       (OnWine() || outside ? budget : "") + join + "exec \"$@\"", "sh"}
+                               : Words{"prlimit", "--nofile=" + std::to_string(value)});
     fs::remove_all(server.Spool()), fs::create_directories(server.Spool());
     fs::remove_all(server.TableFolder());
     fs::remove_all(server.cwd()), fs::create_directories(server.cwd());  // the row's own log
     ASSERT_EQ(server.StartListening({"-debug"}), "");
-    if (row.controller && !onWine) {
+    if (controller && !OnWine()) {
       EXPECT_TRUE(std::regex_search(ReadFile("/proc/" + std::to_string(server.pid()) + "/limits"),
                                     std::regex("Max open files +8192 +8192")));
     }
-    if (row.lowered) std::ofstream(group->folder / row.file) << row.lowered;
-    row.load();
+    if (lowered) std::ofstream(group->folder / group->file) << lowered;
+    load();
     EXPECT_TRUE(WaitUntil([] {
       client::Connection c;
       return c.Connect("127.0.0.1") && c.Open() && client::FreshJobName(c);
     }, server.Patience()));
     EXPECT_EQ(server.Stop(), "");
   }
-  fs::remove_all(server.TableFolder());  // Wine's outlives the server
   if (!notMade.empty()) GTEST_SKIP() << notMade;
 }
 

@@ -1,11 +1,9 @@
 // Faults around the server, against both programs: a spool folder that can't be written, the
-// programs it starts missing or broken, a gamut file that changes under the read, pointer
-// files of any size, and the scheduler stopped mid-run. Each gets its designed answer, and
-// the server goes on serving.
+// programs it starts missing or broken, a gamut file that changes under the read, and pointer
+// files of any size. Each gets its designed answer, and the server goes on serving. (The
+// scheduler stopped mid-run is the job listing's test.)
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <functional>
 
 #include "client/print_client.h"
@@ -14,8 +12,6 @@
 namespace kvt::wire {
 namespace {
 
-using namespace std::chrono_literals;
-
 // Each test starts its own server, as its faults need.
 class FaultTest : public KindTest {
  protected:
@@ -23,10 +19,6 @@ class FaultTest : public KindTest {
     KindTest::SetUp();
     if (!IsSkipped()) server_ = std::make_unique<Server>(GetParam());
   }
-  void TearDown() override {  // Wine's data and temporary folders outlive the server
-    if (server_ && OnWine()) fs::remove(server_->Pointer()), fs::remove_all(server_->TableFolder());
-  }
-  bool OnWine() const { return GetParam() == Kind::kWine; }
   // jobfeeder where the pointer file says, the colour tool answering 5.
   void InstallPrograms() {
     jobfeeder_ = server_->InstallJobfeeder(server_->Records().folder() / "programs");
@@ -101,12 +93,12 @@ TEST_P(FaultTest, ProgramsAndPointerFiles) {
     WriteFile(p, "not a program\n");
     fs::permissions(p, fs::perms::owner_read | fs::perms::owner_write);
   };
-  // The fault, how it is made, whether jobfeeder starts, the tool's answer. (The missing
-  // tool is the colour table test's.)
+  // The fault, how it is made, whether jobfeeder starts, the tool's answer.
   const std::tuple<const char*, std::function<void()>, bool, std::uint32_t> rows[] = {
       {"none", [] {}, true, 5},
       {"jobfeeder missing", [&] { fs::remove(jobfeeder_); }, false, 5},
       {"jobfeeder not executable", [&] { notProgram(jobfeeder_); }, false, 5},
+      {"colour tool missing", [&] { fs::remove(server_->Tool()); }, true, 0},
       {"colour tool not executable", [&] { notProgram(server_->Tool()); }, true, 0},
       {"pointer file missing", [&] { fs::remove(pointer); }, false, 5},
       {"pointer file empty", [&] { WriteFile(pointer, ""); }, false, 5},
@@ -155,50 +147,6 @@ TEST_P(FaultTest, GamutFileChangingBetweenStatusAndRead) {
                                                      Field(ReadFile(target), size))
         << name;
   }
-}
-
-TEST_P(FaultTest, SchedulerStoppedMidRun) {
-  // A scheduler of this test's own, with one held job, stopped (and its folder removed) when
-  // the test ends however it ends.
-  struct Scheduler {
-    std::string dir = fs::temp_directory_path() / ("kvt-cups-" + std::to_string(::getpid()));
-    std::string Run(const char* action) const {
-      const fs::path fixture = fs::path(__FILE__).parent_path().parent_path() / "print";
-      std::system(("sh " + (fixture / "cups-fixture.sh").string() + " " + action + " " + dir +
-                   " >/dev/null 2>&1").c_str());
-      if (*action == 'd') return "";
-      if (fs::exists(dir + "/unavailable")) return ReadFile(dir + "/unavailable");
-      WriteFile(dir + "/document", "nothing to print\n");
-      const std::string lp = "CUPS_SERVER=" + dir + "/cups.sock lp -H hold -d KvtProofA " +
-                             dir + "/document >/dev/null 2>&1";
-      return WaitUntil([&] { return std::system(lp.c_str()) == 0; }, 10s) ? "" : "no job held";
-    }
-    ~Scheduler() { Run("down"); }
-  } scheduler;
-  if (std::string why = scheduler.Run("up"); !why.empty()) GTEST_SKIP() << why;
-  const char* shared = std::getenv("CUPS_SERVER");
-  ::setenv("CUPS_SERVER", (scheduler.dir + "/cups.sock").c_str(), 1);
-  const std::string error = server_->StartListening();
-  shared ? ::setenv("CUPS_SERVER", shared, 1) : ::unsetenv("CUPS_SERVER");
-  ASSERT_EQ(error, "");
-  auto listed = [](client::Connection& c) { return Jobs(c).size() / client::kJobRecordSize; };
-  // Wine's winspool lists no jobs at all: there only the listing's answer is checked.
-  const std::size_t jobs = OnWine() ? 0 : 1;
-  client::Connection c = Opened();
-  EXPECT_EQ(listed(c), jobs);
-  scheduler.Run("down");
-  // Gone: nothing is listed, a reference cancels nothing, and new connections are served.
-  EXPECT_EQ(listed(c), 0u);
-  EXPECT_EQ(client::CancelJobOrSpoolFile(c, "*0-1"), std::optional<std::uint8_t>(0));
-  client::Connection later = Opened();
-  EXPECT_EQ(listed(later), 0u);
-  // Back again: a new connection lists its job.
-  ASSERT_EQ(scheduler.Run("up"), "");
-  client::Connection again = Opened();
-  EXPECT_EQ(listed(again), jobs);
-  for (client::Connection* open : {&c, &later, &again}) EXPECT_TRUE(open->SendClose());
-  ExpectWaiting(again = Opened());  // asked first: a server that is just ending still runs
-  EXPECT_TRUE(server_->Running()) << server_->Errors();
 }
 
 KVT_ON_BOTH_KINDS(FaultTest);

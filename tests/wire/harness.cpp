@@ -102,8 +102,9 @@ std::string Unavailable(Kind kind) {
 
 }  // namespace
 
-client::Connection Opened(const client::Marker& marker) {
+client::Connection Opened(const client::Marker& marker, int timeoutMs) {
   client::Connection c;
+  if (timeoutMs > 0) c.SetTimeout(timeoutMs);
   EXPECT_TRUE(c.Connect("127.0.0.1") && c.Open(marker)) << c.error();
   return c;
 }
@@ -223,8 +224,7 @@ Server::Server(Kind kind) : kind_(kind) {
     const fs::path drive = fs::path(std::getenv("WINEPREFIX")) / "drive_c";
     data_ = drive / "ProgramData";
     programs_ = drive / "Program Files (x86)";
-    fs::remove_all(data_ / "Corvina");
-    fs::remove_all(programs_ / "KVT");
+    ForgetWineFolders();
   }
   for (const fs::path& folder : {cwd_, Records().folder(), Spool(), Gamut()})
     fs::create_directories(folder);
@@ -232,11 +232,16 @@ Server::Server(Kind kind) : kind_(kind) {
 
 Server::~Server() {
   Stop();
+  ForgetWineFolders();
+}
+
+// Wine's data, program and temporary folders outlive a server: what one left (a pointer file,
+// colour tables) must not reach the next.
+void Server::ForgetWineFolders() const {
   std::error_code ignored;
-  if (kind_ == Kind::kWine) {
-    fs::remove_all(data_ / "Corvina", ignored);
-    fs::remove_all(programs_ / "KVT", ignored);
-  }
+  if (kind_ == Kind::kWine)
+    for (const fs::path& folder : {Corvina(), Pointer().parent_path(), programs_ / "KVT", TableFolder()})
+      fs::remove_all(folder, ignored);
 }
 
 // The Windows build keeps its stand-ins in tests/standins beside kvtnetd.exe.

@@ -90,6 +90,7 @@ class Server {
 
  private:
   fs::path Standin(const char* onLinux, const char* onWindows) const;
+  void ForgetWineFolders() const;
   Kind kind_;
   ScratchFolder scratch_;  // removed with the server, once it is stopped
   fs::path root_ = scratch_.path, cwd_ = root_ / "cwd", data_ = root_ / "data",
@@ -99,8 +100,10 @@ class Server {
   std::optional<int> status_;
 };
 
-// A connection that has done the opening exchange (a failed expectation when it can't).
-client::Connection Opened(const client::Marker& marker = client::kLittleEndianMarker);
+// A connection that has done the opening exchange (a failed expectation when it can't),
+// waiting `timeoutMs` for each answer (0: the client's default).
+client::Connection Opened(const client::Marker& marker = client::kLittleEndianMarker,
+                          int timeoutMs = 0);
 // Nothing has arrived and the server serves the next frame: a fresh job name is the first
 // thing to come.
 void ExpectWaiting(client::Connection& c);
@@ -124,6 +127,7 @@ std::optional<bool> Upload(client::Connection& c, std::string_view name, const s
 class KindTest : public ::testing::TestWithParam<Kind> {
  protected:
   void SetUp() override;
+  bool OnWine() const { return GetParam() == Kind::kWine; }
 };
 
 // Tests on one server per test suite, started by the suite's first test and shared by the
