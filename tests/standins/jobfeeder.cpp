@@ -1,8 +1,8 @@
 // Stand-in for the print-feeding program, for tests. Each start writes a record file
 // "jobfeeder-start-..." in the folder named by KVT_STANDIN_DIR: one line, the time in
 // milliseconds since 1970, then each argument after the program's own name, each after a tab.
-// Without "-l" it then stays while that folder holds "jobfeeder-hold" (at most a minute) and,
-// if it stayed, records its end ("jobfeeder-end-...") before it exits.
+// Without "-l", when that folder holds "jobfeeder-hold" as it starts, it stays while the file
+// is there (at most a minute) and records its end ("jobfeeder-end-...") before it exits.
 // Without KVT_STANDIN_DIR it records nothing.
 // With "-l" it takes the connection from the record on its standard input, sends "JOBFEED\n",
 // echoes one byte from the client and exits; a record longer than 372 bytes (more waiting
@@ -103,13 +103,16 @@ void Record(const std::string& kind, int argc, char** argv) {
 int main(int argc, char** argv) {
   const char* dir = std::getenv("KVT_STANDIN_DIR");
   const std::string folder = dir != nullptr ? dir : "";
+  const std::string hold = folder + "/jobfeeder-hold";
+  const bool feeding = argc < 2 || std::string(argv[1]) != "-l";
+  // Held or not is settled before the start is recorded: a test lifts the hold as soon as it
+  // sees the start, and the end must be recorded all the same.
+  const bool held = feeding && !folder.empty() && std::filesystem::exists(hold);
   if (!folder.empty()) Record(folder + "/jobfeeder-start", argc, argv);
-  if (argc < 2 || std::string(argv[1]) != "-l") {
-    if (folder.empty()) return 0;
-    int waited = 0;  // in steps of 20 ms, a minute at the most
-    for (; waited < 3000 && std::filesystem::exists(folder + "/jobfeeder-hold"); ++waited)
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    if (waited > 0) Record(folder + "/jobfeeder-end", 1, argv);
+  if (feeding) {
+    for (int waited = 0; held && waited < 3000 && std::filesystem::exists(hold); ++waited)
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));  // a minute at the most
+    if (held) Record(folder + "/jobfeeder-end", 1, argv);
     return 0;
   }
   Socket s = TakeSocket();
