@@ -8,6 +8,7 @@
 // allocation past libFuzzer's limit or a hang is a finding.
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -21,56 +22,41 @@ namespace {
 using namespace kvt;
 using namespace kvt::client;
 
-void Request(Connection& c, std::uint8_t which) {
-  std::string error;
-  switch (which % 12) {
-    case 0:
-      if (auto records = ListJobRecords(c, &error)) json::Dump(json::Jobs(json::ParseJobRecords(*records)));
-      break;
-    case 1:
-      ListsJob(c, "*0-7", &error);
-      break;
-    case 2:
-      GetStoredList(c, which & 0x80 ? StoredList::kScanners : StoredList::kPrinters, &error);
-      break;
-    case 3: {
+// The requests, picked by an input byte (modulo their number; bit 7 also picks a list).
+using Request = void (*)(Connection&, std::uint8_t which, std::string* error);
+const Request kRequests[] = {
+    [](Connection& c, std::uint8_t, std::string* error) {
+      if (auto records = ListJobRecords(c, error))
+        json::Dump(json::Jobs(json::ParseJobRecords(*records)));
+    },
+    [](Connection& c, std::uint8_t, std::string* error) { ListsJob(c, "*0-7", error); },
+    [](Connection& c, std::uint8_t which, std::string* error) {
+      GetStoredList(c, which & 0x80 ? StoredList::kScanners : StoredList::kPrinters, error);
+    },
+    [](Connection& c, std::uint8_t, std::string*) {
       std::size_t taken = 0;
       c.GetGamut("Proofs", "Over", [&](const char*, std::size_t n) { return (taken += n) < 20000; });
-      break;
-    }
-    case 4:
+    },
+    [](Connection& c, std::uint8_t, std::string*) {
       if (auto configs = c.ListConfigs("Proofs")) json::Dump(json::Configs("Proofs", *configs));
-      break;
-    case 5:
-      c.RegisterColorTable("Table", "0123456789");
-      break;
-    case 6:
+    },
+    [](Connection& c, std::uint8_t, std::string*) { c.RegisterColorTable("Table", "0123456789"); },
+    [](Connection& c, std::uint8_t, std::string*) {
       if (auto name = FreshJobName(c)) json::TimeOfJobName(*name);
-      break;
-    case 7: {
+    },
+    [](Connection& c, std::uint8_t, std::string* error) {
       std::size_t left = 3000;
       UploadSpool(c, "123456789012345", 3000, [&](char* buffer, std::size_t size) {
             const std::size_t n = size < left ? size : left;
             for (std::size_t i = 0; i < n; ++i) buffer[i] = 'u';
             return left -= n, n;
-          }, nullptr, &error);
-      break;
-    }
-    case 8:
-      CancelJobOrSpoolFile(c, "*1-2");
-      break;
-    case 9:
-      DeleteServerFile(c, "/data/x");
-      break;
-    case 10:
-      Quit(c, "a", "b");
-      break;
-    default:
-      c.SendClose();
-      break;
-  }
-  json::Dump(json::Error(error + c.error()));
-}
+          }, nullptr, error);
+    },
+    [](Connection& c, std::uint8_t, std::string*) { CancelJobOrSpoolFile(c, "*1-2"); },
+    [](Connection& c, std::uint8_t, std::string*) { DeleteServerFile(c, "/data/x"); },
+    [](Connection& c, std::uint8_t, std::string*) { Quit(c, "a", "b"); },
+    [](Connection& c, std::uint8_t, std::string*) { c.SendClose(); },
+};
 
 }  // namespace
 
@@ -86,7 +72,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   {
     Connection c;  // nothing waits: the server's bytes are all there, then its end
     if (c.Connect("127.0.0.1") && c.Open(data[0] & 1 ? ByteOrder::kBig : ByteOrder::kLittle))
-      for (int i = 1; i <= 4; ++i) Request(c, data[i]);
+      for (int i = 1; i <= 4; ++i) {
+        std::string error;
+        kRequests[data[i] % std::size(kRequests)](c, data[i], &error);
+        json::Dump(json::Error(error + c.error()));
+      }
     json::Dump(json::Ping("127.0.0.1:51470", c.order(), 0.25, c.error()));
   }
   net::Close(pair.server);

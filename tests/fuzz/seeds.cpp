@@ -69,10 +69,8 @@ void ServeSeeds(const fs::path& folder) {
 }
 
 void ClientSeeds(const fs::path& folder) {
-  std::string record(1248, '\0');
-  record.replace(2, 9, "Proof.pdf");
-  record.replace(162, 8, "KvtProof");
-  record.replace(922, 4, "*0-7");
+  const std::string record =  // a job record: the document, the printer, the job's name
+      Field("", 2) + Field("Proof.pdf", 160) + Field("KvtProof", 760) + Field("*0-7", 326);
   const std::string config = Field("Matte", 40) + Le32(5) + Le32(7000);
   const std::vector<std::pair<const char*, std::string>> seeds = {
       // requests, then what the server sends: the opening byte first

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -61,6 +62,12 @@ bool IsFolder(const std::string& normal) {
   return node != nodes.end() && node->second.folder;
 }
 
+// The plain file at `path`, or none.
+Node* FileAt(const char* path) {
+  auto node = nodes.find(Normal(path));
+  return node == nodes.end() || node->second.folder ? nullptr : &node->second;
+}
+
 void MakeFolders(const std::string& normal) {
   if (normal != "/") MakeFolders(Parent(normal));
   nodes[normal].folder = true;
@@ -114,8 +121,7 @@ void KeepFiles() {
 
 bool internal::IsFile(const char* path) {
   std::lock_guard guard(lock);
-  auto node = nodes.find(Normal(path));
-  return node != nodes.end() && !node->second.folder;
+  return FileAt(path) != nullptr;
 }
 
 void PutFile(const std::string& path, std::string_view content, std::uint32_t mtime,
@@ -134,9 +140,8 @@ void PutFolder(const std::string& path) {
 
 std::optional<std::string> FileContent(const std::string& path) {
   std::lock_guard guard(lock);
-  auto node = nodes.find(Normal(path));
-  if (node == nodes.end() || node->second.folder) return std::nullopt;
-  return node->second.data;
+  const Node* file = FileAt(path.c_str());
+  return file ? std::optional(file->data) : std::nullopt;
 }
 
 std::vector<std::string> Listing(const std::string& folder) {
@@ -168,12 +173,10 @@ namespace files {
 
 bool GetStatus(const char* path, Status* out) {
   std::lock_guard guard(lock);
-  auto node = nodes.find(Normal(path));
-  if (node == nodes.end() || node->second.folder) return false;
-  const std::int64_t size = node->second.size.value_or(std::int64_t(node->second.data.size()));
+  const Node* file = FileAt(path);
+  const std::int64_t size = file ? file->size.value_or(std::int64_t(file->data.size())) : -1;
   if (size < 0 || size > 0x7FFFFFFF) return false;
-  out->size = static_cast<std::int32_t>(size);
-  out->mtime = node->second.mtime;
+  *out = {static_cast<std::int32_t>(size), file->mtime};
   return true;
 }
 
@@ -195,18 +198,16 @@ long long Replace(const char* path, const void* data, std::size_t size) {
 
 bool Remove(const char* path) {
   std::lock_guard guard(lock);
-  auto node = nodes.find(Normal(path));
-  if (node == nodes.end() || node->second.folder) return false;
-  nodes.erase(node);
-  changed = true;
-  return true;
+  if (FileAt(path) == nullptr) return false;
+  nodes.erase(Normal(path));
+  return changed = true;
 }
 
 Reader OpenForReading(const char* path) {
   std::lock_guard guard(lock);
-  auto node = nodes.find(Normal(path));
-  if (node == nodes.end() || node->second.folder) return kNoReader;
-  readers[nextReader] = {node->second.data, 0, node->second.readable};
+  const Node* file = FileAt(path);
+  if (file == nullptr) return kNoReader;
+  readers[nextReader] = {file->data, 0, file->readable};
   return nextReader++;
 }
 
@@ -257,22 +258,15 @@ bool MakeFolder(const char* path) {
 
 namespace search {
 
-namespace {
-
-struct Search {
-  std::vector<Match> matches;
-  std::size_t next = 0;
-};
-
-}  // namespace
+// A search's handle: the matches not handed out yet.
+using Left = std::deque<Match>;
 
 Handle Start(const char* path, Match* first) {
   const std::string text = path;
-  const std::size_t slash = text.rfind('/');
-  const std::string folder = slash == std::string::npos ? "/" : text.substr(0, slash);
-  const std::string pattern = text.substr(slash == std::string::npos ? 0 : slash + 1);
-  auto* search = new Search;
-  const std::string normal = Normal(folder);
+  const std::size_t slash = text.rfind('/');  // none: npos + 1 is 0, the whole text
+  const std::string normal = Normal(slash == std::string::npos ? "/" : text.substr(0, slash));
+  const std::string pattern = text.substr(slash + 1);
+  Left matches;
   for (const std::string& name : memory::Listing(normal)) {
     if (name.size() >= sizeof(Match::name) || !Matches(pattern.c_str(), name.c_str())) continue;
     Match match{};
@@ -281,25 +275,20 @@ Handle Start(const char* path, Match* first) {
     match.plain = files::GetStatus(path.c_str(), &match.status);
     std::lock_guard guard(lock);
     match.directory = IsFolder(path);
-    search->matches.push_back(match);
+    matches.push_back(match);
   }
-  if (search->matches.empty()) {
-    delete search;
-    return nullptr;
-  }
-  *first = search->matches[0];
-  search->next = 1;
-  return search;
+  return Next(&matches, first) ? new Left(std::move(matches)) : nullptr;
 }
 
 bool Next(Handle handle, Match* match) {
-  auto* search = static_cast<Search*>(handle);
-  if (search->next >= search->matches.size()) return false;
-  *match = search->matches[search->next++];
+  auto* left = static_cast<Left*>(handle);
+  if (left->empty()) return false;
+  *match = left->front();
+  left->pop_front();
   return true;
 }
 
-void End(Handle handle) { delete static_cast<Search*>(handle); }
+void End(Handle handle) { delete static_cast<Left*>(handle); }
 
 }  // namespace search
 

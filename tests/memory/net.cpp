@@ -34,19 +34,42 @@ std::mutex lock;
 std::condition_variable arrived;
 std::map<net::Socket, End> ends;
 net::Socket nextSocket = 1000;  // never reused, not even across Reset
-std::deque<net::Socket> acceptQueue, offered;
-std::vector<std::uint32_t> hostAddresses;
-int failingAccepts = 0;
-bool acceptsExhausted = false;
+// What Reset forgets besides the ends.
+struct Script {
+  std::deque<net::Socket> acceptQueue, offered;
+  std::vector<std::uint32_t> hostAddresses;
+  int failingAccepts = 0;
+  bool acceptsExhausted = false;
+} script;
 
-net::Socket NewEnd(End end = {}) {
-  ends[nextSocket] = std::move(end);
+// A connection's end when it has a peer, else a listener's (with its address) or a spare.
+net::Socket NewEnd(net::Socket peer = net::kNoSocket, const std::string& listening = "") {
+  End& end = ends[nextSocket];
+  end.peer = peer;
+  end.connection = peer != net::kNoSocket;
+  end.listening = listening;
   return nextSocket++;
 }
 
 End* Find(net::Socket s) {
   auto end = ends.find(s);
   return end == ends.end() ? nullptr : &end->second;
+}
+
+// Runs `step` under the lock.
+template <class Step>
+auto Locked(Step step) {
+  std::lock_guard guard(lock);
+  return step();
+}
+
+// Changes the end of `socket`, if there is one.
+template <class Change>
+bool Set(net::Socket socket, Change change) {
+  std::lock_guard guard(lock);
+  End* e = Find(socket);
+  if (e != nullptr) change(*e);
+  return e != nullptr;
 }
 
 // Moves bytes from `from` to its peer; the number taken, or -1 when the peer is gone.
@@ -67,46 +90,28 @@ namespace memory {
 void internal::ResetSockets() {
   std::lock_guard guard(lock);
   ends.clear();
-  acceptQueue.clear();
-  offered.clear();
-  hostAddresses.clear();
-  failingAccepts = 0;
-  acceptsExhausted = false;
+  script = {};
 }
 
 Pair Connect() {
   std::lock_guard guard(lock);
-  End end;
-  end.connection = true;
-  const net::Socket client = NewEnd(end), server = NewEnd(end);
-  ends[client].peer = server;
-  ends[server].peer = client;
-  return {client, server};
+  const net::Socket client = NewEnd(nextSocket + 1);
+  return {client, NewEnd(client)};
 }
 
 void Write(net::Socket end, std::string_view bytes, bool shut) {
-  std::lock_guard guard(lock);
-  End* from = Find(end);
-  if (from == nullptr) return;
-  Deliver(*from, bytes.data(), bytes.size());
-  if (End* to = shut ? Find(from->peer) : nullptr) to->peerDone = true;
-  arrived.notify_all();
+  Set(end, [&](End& from) {
+    Deliver(from, bytes.data(), bytes.size());
+    if (End* to = shut ? Find(from.peer) : nullptr) to->peerDone = true;
+    arrived.notify_all();
+  });
 }
 
-void Discard(net::Socket end) {
-  std::lock_guard guard(lock);
-  if (End* e = Find(end)) e->discard = true;
+void Discard(net::Socket end) { Set(end, [](End& e) { e.discard = true; }); }
+void LimitReceives(net::Socket end, std::size_t n) {
+  Set(end, [=](End& e) { e.receiveLimit = n; });
 }
-
-void LimitReceives(net::Socket end, std::size_t bytes) {
-  std::lock_guard guard(lock);
-  if (End* e = Find(end)) e->receiveLimit = bytes;
-}
-
-void BreakAfter(net::Socket end, std::size_t bytes) {
-  std::lock_guard guard(lock);
-  if (End* e = Find(end)) e->acceptable = bytes;
-}
+void BreakAfter(net::Socket end, std::size_t n) { Set(end, [=](End& e) { e.acceptable = n; }); }
 
 int OpenSockets() {
   std::lock_guard guard(lock);
@@ -115,26 +120,19 @@ int OpenSockets() {
   }));
 }
 
-void QueueForAccept(net::Socket serverEnd) {
-  std::lock_guard guard(lock);
-  acceptQueue.push_back(serverEnd);
-}
+void QueueForAccept(net::Socket end) { Locked([=] { script.acceptQueue.push_back(end); }); }
 
 void FailAccepts(int count, bool exhausted) {
   std::lock_guard guard(lock);
-  failingAccepts = count;
-  acceptsExhausted = exhausted;
+  script.failingAccepts = count;
+  script.acceptsExhausted = exhausted;
 }
 
 void SetHostAddresses(const std::vector<std::uint32_t>& addresses) {
-  std::lock_guard guard(lock);
-  hostAddresses = addresses;
+  Locked([&] { script.hostAddresses = addresses; });
 }
 
-void OfferConnection(net::Socket clientEnd) {
-  std::lock_guard guard(lock);
-  offered.push_back(clientEnd);
-}
+void OfferConnection(net::Socket end) { Locked([=] { script.offered.push_back(end); }); }
 
 }  // namespace memory
 
@@ -188,7 +186,7 @@ int ResolveIPv4(const char* name, std::uint8_t (*addresses)[4], int max) {
   std::lock_guard guard(lock);
   std::vector<std::uint32_t> found;
   if (std::strcmp(name, "localhost") == 0) found = {0x7F000001};
-  if (std::strcmp(name, "memhost") == 0) found = hostAddresses;
+  if (std::strcmp(name, "memhost") == 0) found = script.hostAddresses;
   int count = 0;
   for (; count < max && count < static_cast<int>(found.size()); ++count)
     for (int i = 0; i < 4; ++i) addresses[count][i] = std::uint8_t(found[count] >> (24 - 8 * i));
@@ -201,61 +199,47 @@ Socket OpenListener(const std::uint8_t addr[4], std::uint16_t port, int) {
   std::lock_guard guard(lock);
   for (const auto& [socket, end] : ends)
     if (end.listening == text) return kNoSocket;  // the address is taken
-  End end;
-  end.listening = text;
-  return NewEnd(end);
+  return NewEnd(kNoSocket, text);
 }
 
 int WaitReadable(const Socket*, int count, bool* ready) {
   std::lock_guard guard(lock);
-  if (count <= 0 || (acceptQueue.empty() && failingAccepts == 0)) return -1;
+  if (count <= 0 || (script.acceptQueue.empty() && script.failingAccepts == 0)) return -1;
   for (int i = 0; i < count; ++i) ready[i] = i == 0;
   return 1;
 }
 
 Socket Accept(Socket, bool* exhausted) {
   std::lock_guard guard(lock);
-  if (exhausted != nullptr) *exhausted = false;
-  if (failingAccepts > 0) {
-    --failingAccepts;
-    if (exhausted != nullptr) *exhausted = acceptsExhausted;
-    // Out of descriptors the connection stays queued; any other failure takes it away.
-    if (!acceptsExhausted && !acceptQueue.empty()) {
-      End& gone = ends[acceptQueue.front()];
-      gone.closed = true;
-      if (End* client = Find(gone.peer)) client->peerDone = true;
-      acceptQueue.pop_front();
-    }
-    return kNoSocket;
-  }
-  if (acceptQueue.empty()) return kNoSocket;
-  const Socket s = acceptQueue.front();
-  acceptQueue.pop_front();
-  return s;
+  const bool fails = script.failingAccepts > 0;
+  if (fails) --script.failingAccepts;
+  if (exhausted != nullptr) *exhausted = fails && script.acceptsExhausted;
+  // Out of descriptors the connection stays queued; any other failure takes it away.
+  if ((fails && script.acceptsExhausted) || script.acceptQueue.empty()) return kNoSocket;
+  const Socket s = script.acceptQueue.front();
+  script.acceptQueue.pop_front();
+  if (!fails) return s;
+  End& gone = ends[s];
+  gone.closed = true;
+  if (End* client = Find(gone.peer)) client->peerDone = true;
+  return kNoSocket;
 }
 
-Socket OpenSpare() {
-  std::lock_guard guard(lock);
-  return NewEnd();
-}
+Socket OpenSpare() { return Locked([] { return NewEnd(); }); }
 
 void Refuse(Socket s) { Close(s); }
 
 Socket Connect(const char*, std::uint16_t, int* error) {
   std::lock_guard guard(lock);
-  *error = offered.empty() ? 111 : 0;  // ECONNREFUSED
-  if (offered.empty()) return kNoSocket;
-  const Socket s = offered.front();
-  offered.pop_front();
+  *error = script.offered.empty() ? 111 : 0;  // ECONNREFUSED
+  if (script.offered.empty()) return kNoSocket;
+  const Socket s = script.offered.front();
+  script.offered.pop_front();
   return s;
 }
 
-bool SetRecvTimeout(Socket s, int milliseconds) {
-  std::lock_guard guard(lock);
-  End* e = Find(s);
-  if (e == nullptr) return false;
-  e->timeoutMs = milliseconds;
-  return true;
+bool SetRecvTimeout(Socket socket, int milliseconds) {
+  return Set(socket, [=](End& e) { e.timeoutMs = milliseconds; });
 }
 
 const char* ErrorText(int error, char* buffer, std::size_t size) {

@@ -7,14 +7,17 @@ namespace kvt::service {
 
 namespace {
 
-std::vector<std::string> calls, reports;
-std::map<std::string, int> failures;
-std::vector<std::uint32_t> controls;
-std::map<Handle, const char*> open;  // handle -> "manager" or "service"
-char handleSpace[16];                // handles are addresses in here
-unsigned nextHandle = 0;
-int lastError = 0;
-ControlRoutine handler = nullptr;
+// What Reset forgets.
+struct State {
+  std::vector<std::string> calls, reports;
+  std::map<std::string, int> failures;
+  std::vector<std::uint32_t> controls;
+  std::map<Handle, const char*> open;  // handle -> "manager" or "service"
+  unsigned nextHandle = 0;
+  int lastError = 0;
+  ControlRoutine handler = nullptr;
+} s;
+char handleSpace[16];  // handles are addresses in here
 
 template <class... Values>
 std::string Text(const char* format, Values... values) {
@@ -25,19 +28,19 @@ std::string Text(const char* format, Values... values) {
 
 // Records the call; true when it is scripted to fail (the last error is then set).
 bool Fails(const std::string& step, const std::string& arguments) {
-  calls.push_back(step + "(" + arguments + ")");
-  auto failure = failures.find(step);
-  if (failure != failures.end()) lastError = failure->second;
-  return failure != failures.end();
+  s.calls.push_back(step + "(" + arguments + ")");
+  auto failure = s.failures.find(step);
+  if (failure != s.failures.end()) s.lastError = failure->second;
+  return failure != s.failures.end();
 }
 
 Handle NewHandle(const char* kind) {
-  Handle handle = handleSpace + nextHandle++ % sizeof handleSpace;
-  open[handle] = kind;
+  Handle handle = handleSpace + s.nextHandle++ % sizeof handleSpace;
+  s.open[handle] = kind;
   return handle;
 }
 
-const char* Name(Handle handle) { return open.count(handle) ? open[handle] : "?"; }
+const char* Name(Handle handle) { return s.open.count(handle) ? s.open[handle] : "?"; }
 
 }  // namespace
 
@@ -66,52 +69,42 @@ bool Control(Handle service, std::uint32_t control) {
 bool Delete(Handle service) { return !Fails("Delete", Name(service)); }
 
 bool Close(Handle handle) {
-  calls.push_back(Text("Close(%s)", Name(handle)));
-  return open.erase(handle) == 1;
+  s.calls.push_back(Text("Close(%s)", Name(handle)));
+  return s.open.erase(handle) == 1;
 }
 
 bool RunDispatcher(const char* name, MainRoutine main) {
   if (Fails("Dispatcher", name)) return false;
   char* argv[] = {const_cast<char*>(name), nullptr};
   main(1, argv);
-  if (handler != nullptr)
-    for (std::uint32_t control : controls) handler(control);
+  if (s.handler != nullptr)
+    for (std::uint32_t control : s.controls) s.handler(control);
   return true;
 }
 
 StatusHandle RegisterHandler(const char* name, ControlRoutine routine) {
   if (Fails("Register", name)) return nullptr;
-  handler = routine;
+  s.handler = routine;
   return handleSpace;
 }
 
-bool SetStatus(StatusHandle, const Status& s) {
-  reports.push_back(Text("0x%x %u %u %u %u %u %u", s.serviceType, s.currentState,
-                         s.controlsAccepted, s.win32ExitCode, s.serviceSpecificExitCode,
-                         s.checkPoint, s.waitHint));
+bool SetStatus(StatusHandle, const Status& status) {
+  s.reports.push_back(Text("0x%x %u %u %u %u %u %u", status.serviceType, status.currentState,
+                           status.controlsAccepted, status.win32ExitCode,
+                           status.serviceSpecificExitCode, status.checkPoint, status.waitHint));
   return !Fails("SetStatus", "");
 }
 
-int LastError() { return lastError; }
+int LastError() { return s.lastError; }
 
 namespace fake {
 
-void Reset() {
-  calls.clear();
-  reports.clear();
-  failures.clear();
-  controls.clear();
-  open.clear();
-  nextHandle = 0;
-  lastError = 0;
-  handler = nullptr;
-}
-
-void Fail(const std::string& step, int error) { failures[step] = error; }
-void Deliver(const std::vector<std::uint32_t>& list) { controls = list; }
-const std::vector<std::string>& Calls() { return calls; }
-const std::vector<std::string>& Reports() { return reports; }
-int OpenHandles() { return static_cast<int>(open.size()); }
+void Reset() { s = {}; }
+void Fail(const std::string& step, int error) { s.failures[step] = error; }
+void Deliver(const std::vector<std::uint32_t>& list) { s.controls = list; }
+const std::vector<std::string>& Calls() { return s.calls; }
+const std::vector<std::string>& Reports() { return s.reports; }
+int OpenHandles() { return static_cast<int>(s.open.size()); }
 
 }  // namespace fake
 

@@ -6,53 +6,50 @@ namespace kvt::spooler {
 
 namespace {
 
-std::vector<fake::FakePrinter> printers;
-std::vector<std::string> calls;
-std::map<PrinterHandle, std::string> open;  // handle -> printer name
-char handleSpace[512];                      // handles are addresses in here
-unsigned nextHandle = 0;
-bool listingFails = false;
+// What Reset forgets.
+struct State {
+  std::vector<fake::FakePrinter> printers;
+  std::vector<std::string> calls;
+  std::map<PrinterHandle, std::string> open;  // handle -> printer name
+  unsigned nextHandle = 0;
+  bool listingFails = false;
+} s;
+char handleSpace[512];  // handles are addresses in here
 
 fake::FakePrinter* Find(const std::string& name) {
-  for (fake::FakePrinter& p : printers)
+  for (fake::FakePrinter& p : s.printers)
     if (p.name == name) return &p;
   return nullptr;
 }
 
 }  // namespace
 
-std::vector<fake::FakePrinter>& fake::Printers() { return printers; }
-void fake::FailPrinterListing(bool fail) { listingFails = fail; }
-const std::vector<std::string>& fake::Calls() { return calls; }
-int fake::OpenHandles() { return static_cast<int>(open.size()); }
-void fake::Reset() {
-  printers.clear();
-  calls.clear();
-  open.clear();
-  nextHandle = 0;
-  listingFails = false;
-}
+std::vector<fake::FakePrinter>& fake::Printers() { return s.printers; }
+void fake::FailPrinterListing(bool fail) { s.listingFails = fail; }
+const std::vector<std::string>& fake::Calls() { return s.calls; }
+int fake::OpenHandles() { return static_cast<int>(s.open.size()); }
+void fake::Reset() { s = {}; }
 
 bool ForEachPrinter(void (*visit)(void*, const char*), void* context) {
-  if (listingFails) return false;
+  if (s.listingFails) return false;
   std::vector<std::string> names;  // the visit may open printers
-  for (const fake::FakePrinter& p : printers) names.push_back(p.name);
+  for (const fake::FakePrinter& p : s.printers) names.push_back(p.name);
   for (const std::string& name : names) visit(context, name.c_str());
   return true;
 }
 
 PrinterHandle Open(const char* name) {
-  calls.push_back("Open(" + std::string(name) + ")");
+  s.calls.push_back("Open(" + std::string(name) + ")");
   fake::FakePrinter* printer = Find(name);
   if (printer == nullptr || printer->openFails) return nullptr;
-  PrinterHandle handle = handleSpace + nextHandle++ % sizeof handleSpace;
-  open[handle] = name;
+  PrinterHandle handle = handleSpace + s.nextHandle++ % sizeof handleSpace;
+  s.open[handle] = name;
   return handle;
 }
 
 bool ForEachJob(PrinterHandle handle, int max, void (*visit)(void*, const Job&), void* context) {
-  const std::string name = open.at(handle);
-  calls.push_back("Jobs(" + name + ", " + std::to_string(max) + ")");
+  const std::string name = s.open.at(handle);
+  s.calls.push_back("Jobs(" + name + ", " + std::to_string(max) + ")");
   fake::FakePrinter* printer = Find(name);
   if (printer == nullptr || printer->listFails) return false;
   for (int i = 0; i < max && i < static_cast<int>(printer->jobs.size()); ++i) {
@@ -64,13 +61,13 @@ bool ForEachJob(PrinterHandle handle, int max, void (*visit)(void*, const Job&),
 }
 
 bool CancelJob(PrinterHandle handle, std::int32_t id) {
-  calls.push_back("Cancel(" + open.at(handle) + ", " + std::to_string(id) + ")");
+  s.calls.push_back("Cancel(" + s.open.at(handle) + ", " + std::to_string(id) + ")");
   return true;
 }
 
 void ClosePrinter(PrinterHandle handle) {
-  calls.push_back("Close(" + open.at(handle) + ")");
-  open.erase(handle);
+  s.calls.push_back("Close(" + s.open.at(handle) + ")");
+  s.open.erase(handle);
 }
 
 }  // namespace kvt::spooler

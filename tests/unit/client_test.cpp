@@ -2,6 +2,8 @@
 // beforehand on the in-memory machine, then the client asks.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <functional>
 #include <string>
 
@@ -55,6 +57,7 @@ TEST(Json, RecordTextsBecomeUtf8) {
   const std::pair<std::string, std::string> rows[] = {
       {"Proof \"A\"\\\t", "\"Proof \\\"A\\\"\\\\\\t\""},
       {"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x96\xA8\xF4\x8F\xBF\xBF", "\"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x96\xA8\xF4\x8F\xBF\xBF\""},
+      {"\xC2\xA9", "\"\xC2\xA9\""},  // the lowest lead of two bytes
       {"\xE9t\xE9", "\"\xC3\xA9t\xC3\xA9\""},          // Latin-1
       {"\xC0\x80", "\"\xC3\x80\xC2\x80\""},             // overlong
       {"\xE0\x9F\xBF", "\"\xC3\xA0\xC2\x9F\xC2\xBF\""},  // overlong
@@ -65,6 +68,17 @@ TEST(Json, RecordTextsBecomeUtf8) {
       {"\xFF\xC3", "\"\xC3\xBF\xC3\x83\""},              // a sequence cut short
   };
   for (const auto& [text, json] : rows) EXPECT_EQ(json::Dump(json::Text(text)), json) << text;
+}
+
+// A time's offset from its two broken-down times, seconds included (45 s: not "+00:01").
+TEST(Json, TimeInUtcHasNoOffset) {
+  const char* zone = std::getenv("TZ");
+  static std::string previous = "TZ=" + std::string(zone ? zone : "");  // putenv keeps it
+  putenv(const_cast<char*>("TZ=UTC0"));
+  tzset();
+  EXPECT_EQ(json::Dump(json::Time(1767323085)), "\"2026-01-02T03:04:45+00:00\"");  // 03:04:45 UTC
+  putenv(previous.data());
+  tzset();
 }
 
 }  // namespace

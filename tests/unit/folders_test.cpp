@@ -50,10 +50,9 @@ TEST(Folders, ThreadsAskingAtOnceEachGetTheirOwnCompleteAnswer) {
   for (int t = 0; t < 16; ++t)
     threads.emplace_back([t, &seen] {
       for (int i = 0; i < 200; ++i) {
-        const char* product = (t + i) % 2 ? "KvtUnitA" : "KvtUnitB";
-        std::string got = GetProgramFolder(product);
-        std::string want = (t + i) % 2 ? "/folder/of/a" : "/folder/of/b";
-        if (got != want) seen[t] = got;
+        const bool a = (t + i) % 2;
+        const std::string got = GetProgramFolder(a ? "KvtUnitA" : "KvtUnitB");
+        if (got != (a ? "/folder/of/a" : "/folder/of/b")) seen[t] = got;
       }
     });
   for (auto& t : threads) t.join();

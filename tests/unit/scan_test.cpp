@@ -54,10 +54,8 @@ TEST(Scan, MatchesPlainFilesAndSortsByFoldedName) {
   EXPECT_EQ(NamesOf(dir, "a*"), (Names{"A.spl", "ab.spl"}));
   EXPECT_TRUE(NamesOf(dir, "*.sp").empty());
   EXPECT_TRUE(NamesOf(dir + "/missing", "*.spl").empty());
-}
 
-TEST(Scan, PatternsMakeSortedRunsInTheirOrder) {
-  memory::Reset();
+  // Patterns make sorted runs in their order.
   for (const char* name : {"b.cfg", "a.cfg", "c.icc", "a.icc"}) memory::PutFile(dir + "/" + name, "", 1u);
   EXPECT_EQ(NamesOf(dir, "*.cfg|*.icc"), (Names{"a.cfg", "b.cfg", "a.icc", "c.icc"}));
   EXPECT_EQ(NamesOf(dir, "*.icc,*.cfg"), (Names{"a.icc", "c.icc", "a.cfg", "b.cfg"}));

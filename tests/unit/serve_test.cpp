@@ -28,39 +28,31 @@ std::optional<bool> Upload(client::Connection& c, const std::string& name, std::
                              }, nullptr, &error);
 }
 
-// The spool path holds at most 79 characters: a folder of 60, "/", the name, ".spl".
-TEST(Upload, SpoolPathBounds) {
+// The spool path holds at most 79 characters: a folder of 60, "/", the name, ".spl". A body
+// takes a block of whole 64 KiB steps from the budget: one byte short of two steps fits a
+// budget of two, one byte more does not. A body cut short is not stored.
+TEST(Upload, SpoolPathBoundsAndBodyBlocksInStepsOfTheBudget) {
   memory::Reset();
   const std::string padded = "/" + std::string(59, 'p');
   std::snprintf(SpoolFolder, sizeof SpoolFolder, "%s", padded.c_str());
   memory::PutFolder(padded);
+  memory::SetUsableMemory(256 << 10);
+  SetBodyBudget(nullptr);  // half: 128 KiB
   test::Served s;
   EXPECT_EQ(Upload(s.client, "123456789012345", "abc"), false) << error;
   EXPECT_EQ(Upload(s.client, "12345678901234", "abc"), true) << error;
   EXPECT_EQ(memory::FileContent(padded + "/12345678901234.spl"), "abc");
-  SpoolFolder[0] = '\0';  // no spool folder: refused, and nothing stored anywhere
-  EXPECT_EQ(Upload(s.client, "Empty", ""), false) << error;
-  s.Leave();
-  EXPECT_EQ(memory::Listing(padded), std::vector<std::string>{"12345678901234.spl"});
-}
-
-// A body takes a block of whole 64 KiB steps from the budget: one byte short of two steps
-// fits a budget of two, one byte more does not. A body cut short is not stored.
-TEST(Upload, BodyBlocksInStepsOfTheBudget) {
-  memory::Reset();
-  std::snprintf(SpoolFolder, sizeof SpoolFolder, "/spool");
-  memory::PutFolder("/spool");
-  memory::SetUsableMemory(256 << 10);
-  SetBodyBudget(nullptr);  // half: 128 KiB
-  test::Served s;
   EXPECT_EQ(Upload(s.client, "Fits", std::string((128 << 10) - 1, 'f')), true) << error;
   EXPECT_EQ(Upload(s.client, "Over", std::string((128 << 10) + 1, 'o')), false) << error;
+  SpoolFolder[0] = '\0';  // no spool folder: refused, and nothing stored anywhere
+  EXPECT_EQ(Upload(s.client, "Empty", ""), false) << error;
   // A body that ends before its announced length is stored nowhere: the connection is closed.
+  std::snprintf(SpoolFolder, sizeof SpoolFolder, "%s", padded.c_str());
   EXPECT_EQ(Upload(s.client, "Part", std::string(10, 'p'), 100), std::nullopt);
   EXPECT_EQ(error, "the data ended after 10 of 100 bytes");
   EXPECT_FALSE(s.client.IsConnected());
   s.Leave();
-  EXPECT_EQ(memory::Listing("/spool"), std::vector<std::string>{"Fits.spl"});
+  EXPECT_EQ(memory::Listing(padded), (std::vector<std::string>{"12345678901234.spl", "Fits.spl"}));
   memory::SetUsableMemory(0);
   SetBodyBudget(nullptr);  // no bound for the other tests
 }
