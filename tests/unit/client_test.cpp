@@ -57,7 +57,7 @@ TEST(Json, RecordTextsBecomeUtf8) {
   const std::pair<std::string, std::string> rows[] = {
       {"Proof \"A\"\\\t", "\"Proof \\\"A\\\"\\\\\\t\""},
       {"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x96\xA8\xF4\x8F\xBF\xBF", "\"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x96\xA8\xF4\x8F\xBF\xBF\""},
-      {"\xC2\xA9", "\"\xC2\xA9\""},  // the lowest lead of two bytes
+      {"\xC2\xA9\xDF\xBF", "\"\xC2\xA9\xDF\xBF\""},  // the lowest and highest leads of two bytes
       {"\xE9t\xE9", "\"\xC3\xA9t\xC3\xA9\""},          // Latin-1
       {"\xC0\x80", "\"\xC3\x80\xC2\x80\""},             // overlong
       {"\xE0\x9F\xBF", "\"\xC3\xA0\xC2\x9F\xC2\xBF\""},  // overlong
