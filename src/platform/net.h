@@ -48,9 +48,6 @@ Socket OpenSpare();
 // stream (the end is sent before the socket is closed) instead of a reset.
 void Refuse(Socket s);
 
-// The local port a socket is bound to (0 if unknown): for listeners bound to port 0.
-std::uint16_t LocalPort(Socket s);
-
 // Client side. Connects to host:port (name or dotted address); on failure returns
 // kNoSocket and stores the platform's error code in *error.
 Socket Connect(const char* host, std::uint16_t port, int* error);

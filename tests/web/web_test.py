@@ -8,7 +8,7 @@ private CUPS scheduler (CUPS_SERVER) with held jobs, and kvtweb in front of them
   web_test.py wine       --kvtnetd P --kvtweb P --work DIR   the Windows programs under Wine
   web_test.py screenshot --kvtnetd P --kvtweb P --work DIR --out PNG
   web_test.py scale      --kvtnetd P --kvtweb P --work DIR [--old-kvtweb P]   figures, no test
-  web_test.py terminal   --kvtnetd P --kvtweb P --kvtctl P --work DIR   kvtctl's progress bar
+  web_test.py kvtctl     --kvtnetd P --kvtweb P --kvtctl P --work DIR   its bar, its time-out
 
 Exit code 77 (skipped) when what a mode needs is not installed. Every wait is on an event
 with a deadline that only turns a hang into a failure. A second real server (monitoring,
@@ -781,9 +781,9 @@ def slow_clients(rig, say, heads, idle_count):
         s.close()
 
 
-def terminal(rig):
-    """kvtctl's progress bar: drawn on a terminal for a file of 1 MiB or more, and each
-    percentage drawn once."""
+def kvtctl(rig):
+    """kvtctl's progress bar, drawn on a terminal for a file of 1 MiB or more, each percentage
+    once; and its time-out against a server that takes the connection and never answers."""
     # A data folder with a short path: the server's spool paths have a fixed ceiling.
     rig.data = tempfile.mkdtemp(prefix="kvt-")
     os.makedirs(os.path.join(rig.data, "Corvina", "spool"))
@@ -811,6 +811,11 @@ def terminal(rig):
     percents = [int(d[43:46]) for d in draws]
     assert percents == sorted(set(percents)), percents
     print(f"{len(draws)} draws of the bar")
+    silent = socket.create_server(("127.0.0.1", 0))  # connections wait in its queue, unread
+    ping = subprocess.run([rig.args.kvtctl, "--port", str(silent.getsockname()[1]), "--timeout",
+                           "1", "ping"], capture_output=True, text=True, timeout=DEADLINE)
+    silent.close()
+    assert ping.returncode == 1 and "no answer from the server within 1000 ms" in ping.stderr, ping
     rig.stop_server()
     shutil.rmtree(rig.data)
 
@@ -818,7 +823,7 @@ def terminal(rig):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("mode", choices=["browser", "requests", "monitoring", "wine", "screenshot",
-                                         "scale", "terminal"])
+                                         "scale", "kvtctl"])
     parser.add_argument("--old-kvtweb", help="scale: also the slow clients against this kvtweb")
     parser.add_argument("--kvtnetd", required=True)
     parser.add_argument("--kvtweb", required=True)
@@ -832,7 +837,7 @@ def main():
     rig = Rig(args)
     try:
         {"browser": browser, "requests": requests, "monitoring": monitoring, "wine": wine,
-         "screenshot": screenshot, "scale": scale, "terminal": terminal}[args.mode](rig)
+         "screenshot": screenshot, "scale": scale, "kvtctl": kvtctl}[args.mode](rig)
     finally:
         rig.close()
     print("OK")

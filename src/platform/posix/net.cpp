@@ -110,14 +110,6 @@ void Refuse(Socket s) {
   ::close(static_cast<int>(s));
 }
 
-std::uint16_t LocalPort(Socket s) {
-  sockaddr_in address{};
-  socklen_t length = sizeof address;
-  if (::getsockname(static_cast<int>(s), reinterpret_cast<sockaddr*>(&address), &length) != 0)
-    return 0;
-  return ntohs(address.sin_port);
-}
-
 Socket Connect(const char* host, std::uint16_t port, int* error) {
   addrinfo hints{};
   hints.ai_family = AF_INET;
