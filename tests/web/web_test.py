@@ -604,6 +604,7 @@ def monitoring(rig):
     # Its own figures go with it (they would be stale); its polls and failures stay.
     assert query(f'kvtnetd_round_trip_seconds{{server="{second}"}}') == {}
     assert query(f'kvtweb_poll_failures_total{{server="{second}"}}')[second][0] >= 1
+    assert query(f'kvtweb_poll_failures_total{{server="{first}"}}') == {first: [0.0]}
 
 
 def wine(rig):
