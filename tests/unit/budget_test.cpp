@@ -35,6 +35,9 @@ TEST(BodyBudget, HalfTheUsableMemoryOrTheSettingAndFollowsALoweredLimit) {
   memory::SetUsableMemory(64 * MiB);
   SetBodyBudget(nullptr);
   ASSERT_TRUE(TakeBodyBytes(20 * MiB));
+  SetBodyBudgetWait(10);  // nobody gives back: refused once the wait is over, never a spin
+  EXPECT_FALSE(TakeBodyBytes(20 * MiB));
+  SetBodyBudgetWait(kBodyBudgetWaitMs);
   memory::SetUsableMemory(16 * MiB);
   EXPECT_FALSE(TakeBodyBytes(8 * MiB + 1));
   GiveBodyBytes(20 * MiB);
