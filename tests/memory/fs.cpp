@@ -38,6 +38,7 @@ std::mutex lock;
 std::map<std::string, Node> nodes;
 bool changed = true;  // since nodes were last as kept
 std::map<int, OpenFile> readers;
+std::string programPath = memory::kProgramPath;
 int nextReader = 3;
 std::atomic<std::size_t> writable = SIZE_MAX;  // bytes the disk still takes
 
@@ -109,8 +110,14 @@ void internal::ResetFiles() {
   std::lock_guard guard(lock);
   readers.clear();
   writable = SIZE_MAX;
+  programPath = kProgramPath;
   if (changed) nodes = kept;
   changed = false;
+}
+
+void SetProgramPath(const std::string& path) {
+  std::lock_guard guard(lock);
+  programPath = path;
 }
 
 void KeepFiles() {
@@ -241,7 +248,10 @@ bool StandardFolder(int selector, char* out, std::size_t size) {
   return Fits(out, size, folder == known.end() ? "" : folder->second) && folder != known.end();
 }
 
-bool ProgramPath(char* out, std::size_t size) { return Fits(out, size, memory::kProgramPath); }
+bool ProgramPath(char* out, std::size_t size) {
+  std::lock_guard guard(lock);
+  return Fits(out, size, programPath);
+}
 bool TempPath(char* out, std::size_t size) { return Fits(out, size, memory::kTempPath); }
 
 bool MakeFolder(const char* path) {

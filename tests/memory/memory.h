@@ -37,6 +37,8 @@ void PutFolder(const std::string& path);
 // From now on Reset brings back the files and folders as they are now (and copies nothing
 // when nothing changed them since), instead of only the standard folders.
 void KeepFiles();
+// The running program's path until the next Reset.
+void SetProgramPath(const std::string& path);
 // A file's content; none when there is no file at that path.
 std::optional<std::string> FileContent(const std::string& path);
 // The names of a folder's files and folders, in byte order.

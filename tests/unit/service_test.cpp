@@ -7,6 +7,7 @@
 
 #include "host/service.h"
 #include "platform/folders.h"
+#include "memory/memory.h"
 #include "service_double.h"
 
 namespace kvt {
@@ -85,6 +86,19 @@ TEST(Service, CommandsTakeTheirStepsAndEachFailedStepPrintsItsMessageAndCode) {
       EXPECT_EQ(fake::Calls(), c.calls);
     }
   }
+}
+
+// A path that would not fit the registration's 256 characters with " -s" is refused before
+// anything is created.
+TEST(Service, AProgramPathTooLongToRegisterIsRefused) {
+  memory::Reset();
+  memory::SetProgramPath("/" + std::string(252, 'p'));
+  fake::Reset();
+  fake::Fail("Open", 1060);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(InstallService(), 206);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Cannot create the service KVTnetd (error 206)");
+  memory::Reset();
 }
 
 }  // namespace
