@@ -14,7 +14,7 @@ namespace kvtweb {
 
 namespace client = kvt::client;
 
-std::string ServerSpec::address() const {
+std::string ServerEntry::address() const {
   const bool v6 = host.find(':') != std::string::npos;
   return (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
 }
@@ -46,16 +46,16 @@ bool SplitHostPort(const std::string& text, int defaultPort, std::string* host, 
   return true;
 }
 
-bool AddServer(std::vector<ServerSpec>& servers, ServerSpec spec) {
-  for (const ServerSpec& known : servers)
-    if (known.address() == spec.address()) return false;
-  servers.push_back(std::move(spec));
+bool AddServer(std::vector<ServerEntry>& servers, ServerEntry entry) {
+  for (const ServerEntry& known : servers)
+    if (known.address() == entry.address()) return false;
+  servers.push_back(std::move(entry));
   return true;
 }
 
-std::string ParseServers(const std::string& text, std::vector<ServerSpec>* servers) {
+std::string ParseServers(const std::string& text, std::vector<ServerEntry>* servers) {
   constexpr std::size_t kMaxServers = 1000, kMaxLabel = 100;
-  std::vector<ServerSpec> parsed;
+  std::vector<ServerEntry> parsed;
   std::istringstream lines(text);
   std::string line;
   for (int number = 1; std::getline(lines, line); ++number) {
@@ -71,18 +71,18 @@ std::string ParseServers(const std::string& text, std::vector<ServerSpec>* serve
     if (end != std::string::npos && line.find_first_not_of(' ', end) != std::string::npos)
       label = line.substr(line.find_first_not_of(' ', end),
                           line.find_last_not_of(' ') + 1 - line.find_first_not_of(' ', end));
-    ServerSpec spec;
+    ServerEntry entry;
     int port = 0;
-    if (!SplitHostPort(address, client::kDefaultPort, &spec.host, &port))
+    if (!SplitHostPort(address, client::kDefaultPort, &entry.host, &port))
       return where + "not HOST[:PORT]: " + address;
-    spec.port = static_cast<std::uint16_t>(port);
+    entry.port = static_cast<std::uint16_t>(port);
     for (char c : label)
       if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
         return where + "the label holds a control character";
     if (label.size() > kMaxLabel)
       return where + "the label is longer than " + std::to_string(kMaxLabel) + " bytes";
-    spec.label = label;
-    if (!AddServer(parsed, std::move(spec))) return where + address + " is listed twice";
+    entry.label = label;
+    if (!AddServer(parsed, std::move(entry))) return where + address + " is listed twice";
     if (parsed.size() > kMaxServers)
       return where + "more than " + std::to_string(kMaxServers) + " servers";
   }
@@ -92,7 +92,7 @@ std::string ParseServers(const std::string& text, std::vector<ServerSpec>* serve
 }
 
 struct Fleet::Watcher {
-  ServerSpec spec;  // the label may change on a reload; under the mutex
+  ServerEntry entry;  // the label may change on a reload; under the mutex
   std::mutex mutex;
   std::condition_variable wake;
   bool stop = false, soon = false;
@@ -103,7 +103,7 @@ struct Fleet::Watcher {
 namespace {
 
 // One poll on a connection of its own: the opening exchange (timed), the job listing, close.
-std::shared_ptr<const PollResult> Poll(const ServerSpec& spec, const PollResult& before,
+std::shared_ptr<const PollResult> Poll(const ServerEntry& entry, const PollResult& before,
                                        int timeoutMs) {
   auto next = std::make_shared<PollResult>(before);
   next->polled = true;
@@ -111,7 +111,7 @@ std::shared_ptr<const PollResult> Poll(const ServerSpec& spec, const PollResult&
   client::Connection connection;
   connection.SetTimeout(timeoutMs);
   double ms = 0;
-  std::string error = client::json::OpenTimed(connection, spec.host, spec.port,
+  std::string error = client::json::OpenTimed(connection, entry.host, entry.port,
                                               client::ByteOrder::kLittle, &ms);
   std::optional<std::string> records;
   if (error.empty() && (records = client::ListJobRecords(connection, &error)))
@@ -139,10 +139,10 @@ void Run(std::shared_ptr<Fleet::Watcher> watcher, std::chrono::milliseconds inte
   while (!watcher->stop) {
     const Clock::time_point start = Clock::now();
     watcher->pollStarted = start;
-    const ServerSpec spec = watcher->spec;
+    const ServerEntry entry = watcher->entry;
     const std::shared_ptr<const PollResult> before = watcher->result;
     own.unlock();
-    std::shared_ptr<const PollResult> after = Poll(spec, *before, timeoutMs);
+    std::shared_ptr<const PollResult> after = Poll(entry, *before, timeoutMs);
     own.lock();
     watcher->result = std::move(after);
     watcher->pollStarted.reset();
@@ -154,19 +154,19 @@ void Run(std::shared_ptr<Fleet::Watcher> watcher, std::chrono::milliseconds inte
 
 }  // namespace
 
-void Fleet::Watch(const std::vector<ServerSpec>& servers) {
+void Fleet::Watch(const std::vector<ServerEntry>& servers) {
   std::vector<std::shared_ptr<Watcher>> next;
   std::lock_guard<std::mutex> lock(mutex_);
-  for (const ServerSpec& spec : servers) {
+  for (const ServerEntry& entry : servers) {
     std::shared_ptr<Watcher> watcher;
     for (const auto& known : watchers_)
-      if (known->spec.address() == spec.address() && !known->stop) watcher = known;
+      if (known->entry.address() == entry.address() && !known->stop) watcher = known;
     if (watcher) {
       std::lock_guard<std::mutex> own(watcher->mutex);
-      watcher->spec.label = spec.label;
+      watcher->entry.label = entry.label;
     } else {
       watcher = std::make_shared<Watcher>();
-      watcher->spec = spec;
+      watcher->entry = entry;
       // Detached, holding its watcher: a poll stuck in a connection attempt (which has no
       // time-out of its own) never holds up a reload or the end of the program.
       try {
@@ -197,7 +197,7 @@ std::vector<ServerView> Fleet::Snapshot() const {
   views.reserve(watchers_.size());
   for (const auto& watcher : watchers_) {
     std::lock_guard<std::mutex> own(watcher->mutex);
-    ServerView view{watcher->spec, watcher->result, false};
+    ServerView view{watcher->entry, watcher->result, false};
     view.overdue = watcher->pollStarted &&
                    now - *watcher->pollStarted > std::chrono::milliseconds(timeoutMs_);
     views.push_back(std::move(view));
@@ -208,7 +208,7 @@ std::vector<ServerView> Fleet::Snapshot() const {
 void Fleet::PollSoon(const std::string& address) {
   std::lock_guard<std::mutex> lock(mutex_);
   for (const auto& watcher : watchers_) {
-    if (watcher->spec.address() != address) continue;
+    if (watcher->entry.address() != address) continue;
     std::lock_guard<std::mutex> own(watcher->mutex);
     watcher->soon = true;
     watcher->wake.notify_all();

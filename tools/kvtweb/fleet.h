@@ -19,7 +19,7 @@ namespace kvtweb {
 
 using Clock = std::chrono::steady_clock;
 
-struct ServerSpec {
+struct ServerEntry {
   std::string host;
   std::uint16_t port = 0;
   std::string label;  // empty: none given
@@ -32,9 +32,9 @@ bool SplitHostPort(const std::string& text, int defaultPort, std::string* host, 
 
 // The servers file: one "HOST[:PORT] [LABEL]" a line, "#" starts a comment. Empty on
 // success, else what is wrong and where; *servers is then left as it was.
-std::string ParseServers(const std::string& text, std::vector<ServerSpec>* servers);
-// Adds `spec` unless its address is listed already; false then.
-bool AddServer(std::vector<ServerSpec>& servers, ServerSpec spec);
+std::string ParseServers(const std::string& text, std::vector<ServerEntry>* servers);
+// Adds `entry` unless its address is listed already; false then.
+bool AddServer(std::vector<ServerEntry>& servers, ServerEntry entry);
 
 // What the last poll of a server found. Published whole and never changed afterwards, so
 // that readers share it without a lock.
@@ -51,7 +51,7 @@ struct PollResult {
 };
 
 struct ServerView {
-  ServerSpec spec;
+  ServerEntry entry;
   std::shared_ptr<const PollResult> result;
   // A poll that has run longer than the time-out: a name lookup or a connection that hangs.
   // The server counts as unreachable even before the poll gives up.
@@ -68,7 +68,7 @@ class Fleet {
 
   // Watches exactly these servers: pollers of servers still listed keep their results,
   // new ones start polling at once, the others stop.
-  void Watch(const std::vector<ServerSpec>& servers);
+  void Watch(const std::vector<ServerEntry>& servers);
   // In list order.
   std::vector<ServerView> Snapshot() const;
   // Polls that server again now (after a cancel), not waiting for the interval.

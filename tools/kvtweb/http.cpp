@@ -230,7 +230,7 @@ struct Web::Impl {
     if (views.empty()) return std::nullopt;
     if (address.empty()) return views.front();
     for (ServerView& view : views)
-      if (view.spec.address() == address) return std::move(view);
+      if (view.entry.address() == address) return std::move(view);
     return std::nullopt;
   }
 
@@ -272,10 +272,10 @@ struct Web::Impl {
   }
 
   // Connects to a server and does the opening exchange; the error, or empty.
-  std::string Open(client::Connection& connection, const ServerSpec& spec) const {
+  std::string Open(client::Connection& connection, const ServerEntry& entry) const {
     double ms = 0;
     connection.SetTimeout(fleet.timeoutMs());
-    return json::OpenTimed(connection, spec.host, spec.port, client::ByteOrder::kLittle, &ms);
+    return json::OpenTimed(connection, entry.host, entry.port, client::ByteOrder::kLittle, &ms);
   }
 
   // A sub-folder of the gamut folder, by its name only: no path leads anywhere else.
@@ -287,9 +287,9 @@ struct Web::Impl {
     });
   }
 
-  Answer Configs(const ServerSpec& spec, const std::string& folder) const {
+  Answer Configs(const ServerEntry& entry, const std::string& folder) const {
     client::Connection connection;
-    std::string error = Open(connection, spec);
+    std::string error = Open(connection, entry);
     std::optional<std::vector<client::ConfigRecord>> records;
     if (error.empty()) {
       if ((records = connection.ListConfigs(folder)))
@@ -304,9 +304,9 @@ struct Web::Impl {
   // Cancels a spooler job "*P-J" that a listing on the same connection shows (the server
   // resolves the reference against that listing's printer table), then lists again to tell
   // whether it is gone. Spool files are not deleted from here.
-  Answer Cancel(const ServerSpec& spec, const std::string& job) const {
+  Answer Cancel(const ServerEntry& entry, const std::string& job) const {
     client::Connection connection;
-    std::string error = Open(connection, spec);
+    std::string error = Open(connection, entry);
     auto listed = [&] { return client::ListsJob(connection, job, &error); };
     std::optional<bool> before, after;
     std::optional<std::uint8_t> answer;
@@ -315,7 +315,7 @@ struct Web::Impl {
     if (!(answer = client::CancelJobOrSpoolFile(connection, job)) || !(after = listed()))
       return ErrorAnswer(502, connection.error());
     connection.SendClose();
-    fleet.PollSoon(spec.address());
+    fleet.PollSoon(entry.address());
     return JsonAnswer(200, Json{{"reference", job}, {"answer", *answer}, {"gone", !*after}});
   }
 
@@ -329,7 +329,7 @@ struct Web::Impl {
     };
     const std::optional<ServerView> view = Named(field("server"));
     if (!view) return ErrorAnswer(404, "kvtweb does not watch the server " + field("server"));
-    const ServerSpec spec = view->spec;
+    const ServerEntry entry = view->entry;
     if (cancel) {
       const std::string job = field("job");
       const bool reference = job.size() >= 4 && job.size() < 16 && job[0] == '*' &&
@@ -337,12 +337,12 @@ struct Web::Impl {
                                return (c >= '0' && c <= '9') || c == '-';
                              });
       if (!reference) return ErrorAnswer(400, "job: a reference *P-J from the listing");
-      return std::function<Answer()>([this, spec, job] { return Cancel(spec, job); });
+      return std::function<Answer()>([this, entry, job] { return Cancel(entry, job); });
     }
     const std::string folder = field("folder");
     if (!PlainFolderName(folder))
       return ErrorAnswer(400, "a gamut folder is a plain name of 1 to 79 characters");
-    return std::function<Answer()>([this, spec, folder] { return Configs(spec, folder); });
+    return std::function<Answer()>([this, entry, folder] { return Configs(entry, folder); });
   }
 
   MHD_Result Handle(MHD_Connection* c, const char* url, const char* method,

@@ -27,7 +27,7 @@ using namespace kvtweb;
 constexpr int kDefaultListenPort = 51480;
 
 struct Options {
-  std::vector<ServerSpec> servers;  // from --server
+  std::vector<ServerEntry> servers;  // from --server
   std::string serversFile;
   WebOptions web;
   int timeoutMs = 5000;
@@ -51,18 +51,18 @@ bool MakeToken(std::string& token) {
 }
 
 // The servers to watch: those of --server, then those of the file. Empty on success.
-std::string Servers(const Options& options, std::vector<ServerSpec>* servers) {
-  std::vector<ServerSpec> all = options.servers;
+std::string Servers(const Options& options, std::vector<ServerEntry>* servers) {
+  std::vector<ServerEntry> all = options.servers;
   if (!options.serversFile.empty()) {
     std::ifstream file(options.serversFile, std::ios::binary);
     std::ostringstream text;
     if (!file || !(text << file.rdbuf()))
       return "cannot read the servers file " + options.serversFile;
-    std::vector<ServerSpec> listed;
+    std::vector<ServerEntry> listed;
     const std::string error = ParseServers(text.str(), &listed);
     if (!error.empty()) return options.serversFile + ", " + error;
-    for (ServerSpec& spec : listed)
-      if (!AddServer(all, std::move(spec)))
+    for (ServerEntry& entry : listed)
+      if (!AddServer(all, std::move(entry)))
         return options.serversFile + " lists a server that --server names already";
   }
   if (all.empty()) all.push_back({"127.0.0.1", client::kDefaultPort, ""});
@@ -103,7 +103,7 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string option = argv[i];
     const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
-    ServerSpec spec;
+    ServerEntry entry;
     int port = 0;
     if (option == "--help" || option == "-h") {
       Usage(stdout);
@@ -112,9 +112,9 @@ int main(int argc, char** argv) {
       std::printf("kvtweb %s\n", KVT_VERSION);
       return 0;
     } else if (option == "--server" && value != nullptr &&
-               SplitHostPort(value, client::kDefaultPort, &spec.host, &port)) {
-      spec.port = static_cast<std::uint16_t>(port);
-      AddServer(options.servers, std::move(spec));
+               SplitHostPort(value, client::kDefaultPort, &entry.host, &port)) {
+      entry.port = static_cast<std::uint16_t>(port);
+      AddServer(options.servers, std::move(entry));
       ++i;
     } else if (option == "--servers" && value != nullptr && *value != '\0') {
       options.serversFile = value;
@@ -138,7 +138,7 @@ int main(int argc, char** argv) {
       return 1;
     }
   }
-  std::vector<ServerSpec> servers;
+  std::vector<ServerEntry> servers;
   const std::string error = Servers(options, &servers);
   if (!error.empty()) return Fail(error);
   if (kvt::net::Startup() != 0) return Fail("cannot start the sockets library");

@@ -101,8 +101,8 @@ Json FleetDocument(const std::vector<ServerView>& views, int intervalMs, int tim
     Json states = Json::object();
     for (const auto& [state, count] : s.byState) states[state] = count;
     // The servers file's bytes need not be UTF-8, which the library insists on.
-    Json row{{"server", json::Text(view.spec.address())},
-             {"label", OrNull(!view.spec.label.empty(), json::Text(view.spec.label))},
+    Json row{{"server", json::Text(view.entry.address())},
+             {"label", OrNull(!view.entry.label.empty(), json::Text(view.entry.label))},
              {"reachable", reachable},
              {"error", OrNull(!reachable, json::Text(problem))},
              {"roundTripMs", OrNull(r.lastGoodTime != 0, std::round(r.roundTripMs * 1000) / 1000)},
@@ -117,7 +117,7 @@ Json FleetDocument(const std::vector<ServerView>& views, int intervalMs, int tim
              {"problems", problems}};
     const int rank = !reachable ? 0 : s.inError ? 1 : 2;
     rows.push_back({rank, s.oldestSpool == 0 ? now : s.oldestSpool,
-                    view.spec.label + view.spec.address(), std::move(row)});
+                    view.entry.label + view.entry.address(), std::move(row)});
   }
   // Problems first: unreachable, then jobs in error, then the longest-waiting spool files.
   std::stable_sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
@@ -130,7 +130,7 @@ Json FleetDocument(const std::vector<ServerView>& views, int intervalMs, int tim
 }
 
 Json PingDocument(const ServerView& view, int timeoutMs) {
-  return json::Ping(view.spec.address(), kvt::client::ByteOrder::kLittle,
+  return json::Ping(view.entry.address(), kvt::client::ByteOrder::kLittle,
                     view.result->roundTripMs, Problem(view, timeoutMs));
 }
 
@@ -141,7 +141,7 @@ Json JobsDocument(const ServerView& view) {
 
 Json OverviewDocument(const ServerView& view, int intervalMs, int timeoutMs) {
   return Json{{"server", PingDocument(view, timeoutMs)},
-              {"label", OrNull(!view.spec.label.empty(), json::Text(view.spec.label))},
+              {"label", OrNull(!view.entry.label.empty(), json::Text(view.entry.label))},
               {"listing", OrNull(view.result->listing != nullptr, JobsDocument(view))},
               {"stale", !view.reachable()},
               {"lastGood", json::Time(view.result->lastGoodTime)},
@@ -190,8 +190,8 @@ std::string Metrics(const std::vector<ServerView>& views, const std::string& ver
   };
   for (const ServerView& view : views) {
     const PollResult& r = *view.result;
-    std::vector<ClientMetric::Label> server{{"server", Utf8(view.spec.address())}};
-    if (!view.spec.label.empty()) server.push_back({"label", Utf8(view.spec.label)});
+    std::vector<ClientMetric::Label> server{{"server", Utf8(view.entry.address())}};
+    if (!view.entry.label.empty()) server.push_back({"label", Utf8(view.entry.label)});
     auto with = [&server](std::vector<ClientMetric::Label> more) {
       more.insert(more.begin(), server.begin(), server.end());
       return more;
