@@ -240,12 +240,13 @@ namespace folders {
 
 bool StandardFolder(int selector, char* out, std::size_t size) {
   using namespace memory;
-  const std::string home = kHome;
-  const std::map<int, std::string> known = {
+  static const std::string home = kHome;
+  static const std::map<int, std::string> known = {
       {0, kProgramFolder}, {7, kProgramFolder}, {8, kProgramFolder}, {1, home},
       {3, kCommonData},    {4, home + "/Documents"}, {5, home + "/Desktop"}, {6, kProgramFiles}};
   const auto folder = known.find(selector);
-  return Fits(out, size, folder == known.end() ? "" : folder->second) && folder != known.end();
+  const bool knownSelector = folder != known.end();
+  return Fits(out, size, knownSelector ? folder->second : "") && knownSelector;
 }
 
 bool ProgramPath(char* out, std::size_t size) {

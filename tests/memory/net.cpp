@@ -95,7 +95,7 @@ void internal::ResetSockets() {
 
 Pair Connect() {
   std::lock_guard guard(lock);
-  const net::Socket client = NewEnd(nextSocket + 1);
+  const net::Socket client = NewEnd(nextSocket + 1);  // its peer is the end made next
   return {client, NewEnd(client)};
 }
 

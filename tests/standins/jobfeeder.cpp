@@ -61,7 +61,11 @@ Socket TakeSocket() {
   for (std::size_t got = 0; got < sizeof record;) {
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
     iovec part{record + got, sizeof record - got};
-    msghdr message{nullptr, 0, &part, 1, control, sizeof control, 0};  // no address: a socket pair
+    msghdr message{};  // no address: a socket pair
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
     ssize_t n = recvmsg(0, &message, MSG_CMSG_CLOEXEC);
     if (n <= 0 || (message.msg_flags & MSG_CTRUNC)) return kNone;
     for (cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c))

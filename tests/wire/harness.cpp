@@ -341,8 +341,9 @@ std::string Server::Stop() {
 }
 
 std::string Server::Log() const {
+  static const std::regex logName("KVTnetd-S[0-9]{12}");
   for (const std::string& name : Listing(cwd_))
-    if (std::regex_match(name, std::regex("KVTnetd-S[0-9]{12}"))) return ReadFile(cwd_ / name);
+    if (std::regex_match(name, logName)) return ReadFile(cwd_ / name);
   return {};
 }
 
